@@ -1,0 +1,61 @@
+/* Files: C stream semantics on an opaque handle, plus whole-file helpers by path. */
+#ifndef NUV_FILE_H
+#define NUV_FILE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "nuv_api.h"
+
+NUV_BEGIN_DECLS
+
+typedef struct nuv_file nuv_file_t;
+
+/* nuv_file_size's answer when the size cannot be known. */
+#define NUV_FILE_SIZE_UNKNOWN UINT64_MAX
+
+/* Opens `path` with an fopen(3) mode ("rb", "ab+", "rb+", ...); the descriptor is close-on-exec.
+ * Returns the handle, or NULL with errno set. Large files are supported on 32-bit builds. */
+NUV_API nuv_file_t *nuv_file_open(const char *path, const char *mode);
+
+/* Flushes and closes `file` (NULL is ignored). Returns 0, or -1 with errno when the final
+ * flush or close failed; the handle is released either way. */
+NUV_API int nuv_file_close(nuv_file_t *file);
+
+/* Reads up to `size` bytes into `buf`. Returns the count read: less than `size` only at the
+ * end of the file or on an error (errno set). One handle must not be used by two threads at
+ * once; distinct handles are independent. */
+NUV_API size_t nuv_file_read(nuv_file_t *file, void *buf, size_t size);
+
+/* Writes `size` bytes from `buf` (buffered; appended when opened with "a"). Returns the
+ * count written; less than `size` on an error (errno set). */
+NUV_API size_t nuv_file_write(nuv_file_t *file, const void *buf, size_t size);
+
+/* Moves the position as fseeko(3) with SEEK_SET, SEEK_CUR or SEEK_END. Returns 0 or -1. */
+NUV_API int nuv_file_fseek(nuv_file_t *file, int64_t offset, int whence);
+
+/* The current position as ftello(3), or -1. For an append handle this is the end of the
+ * file once anything was written or the handle was positioned; data written lands there. */
+NUV_API int64_t nuv_file_ftell(nuv_file_t *file);
+
+/* Pushes buffered writes to the kernel. Returns 0 or -1 (errno set). */
+NUV_API int nuv_file_fflush(nuv_file_t *file);
+
+/* The size of the file at `path` on disk, or NUV_FILE_SIZE_UNKNOWN when it cannot be
+ * stat(2)ed. Data still buffered in a handle is not counted. */
+NUV_API uint64_t nuv_file_size(const char *path);
+
+/* Counts the line feeds in the whole file behind `file` after flushing that handle, so lines
+ * written through it and not yet flushed are counted. Reads with pread(2); the handle's
+ * position is untouched. Returns the count, or -1 (errno set). */
+NUV_API int64_t nuv_file_getlines(nuv_file_t *file);
+
+/* Removes the file at `path`. Returns 0, or -1 with errno. */
+NUV_API int nuv_file_remove(const char *path);
+
+/* 1 when something (a file or a directory) exists at `path`, else 0. */
+NUV_API int is_file_exist(const char *path);
+
+NUV_END_DECLS
+
+#endif

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs every Debian package the project needs to build, test and run on bookworm.
+# Idempotent: with everything present it prints nothing and touches nothing.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config
+  libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  tar gzip procps socat
+  debootstrap
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  [ "$p" = debootstrap ] && [ -n "${NUV_SETUP_NO_DEBOOTSTRAP:-}" ] && continue
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
