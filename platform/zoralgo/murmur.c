@@ -2,6 +2,7 @@
 #include "nuv_murmur.h"
 
 #include <limits.h>
+#include <stdint.h>
 #include <murmurhash.h>
 
 /* lmmh_x64_128 takes an unsigned int length; a wider size_t must not be silently cut to it. */
@@ -20,8 +21,10 @@ uint64_t nuv_murmur_hash64(const void *data, size_t size, uint32_t seed)
   }
   /* Cutting the length would give a hash of a different text, and one that differs between
    * 32- and 64-bit builds; such sizes are refused instead. */
-  if ((uint64_t)size > UINT32_MAX)
+#if SIZE_MAX > UINT32_MAX
+  if (size > UINT32_MAX)
     return 0;
+#endif
   lmmh_x64_128(data, (unsigned int)size, seed, out);
   return out[0];
 }

@@ -125,8 +125,11 @@ TEST(Murmur, NullAndOversizedInput) {
   EXPECT_EQ(nuv_murmur_hash64(nullptr, 0, 0xadc16596), nuv_murmur_hash64("", 0, 0xadc16596));
   EXPECT_EQ(nuv_murmur_hash64(nullptr, 5, 0xadc16596), 0u);
   // Must be refused before any byte is read: the pointer covers only one byte.
-  const char one = 'x';
-  EXPECT_EQ(nuv_murmur_hash64(&one, size_t{UINT32_MAX} + 2, 0), 0u);
+  // Only a 64-bit size_t can say more than 4 GiB.
+  if (sizeof(size_t) > 4) {
+    const char one = 'x';
+    EXPECT_EQ(nuv_murmur_hash64(&one, static_cast<size_t>(uint64_t{UINT32_MAX} + 2), 0), 0u);
+  }
 }
 
 bool IsLowerHex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }

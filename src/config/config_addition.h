@@ -1,0 +1,51 @@
+// Per-type overrides of the store directory, cache size and clean-up rule ("/addition"). A type
+// without an entry falls back to the defaults of CMaintainceLogCfg and CClearnCfg.
+#ifndef NUV_CONFIG_CONFIG_ADDITION_H
+#define NUV_CONFIG_CONFIG_ADDITION_H
+
+#include <map>
+#include <string>
+
+#include "common/jsonutil.h"
+
+struct CConfigSub {
+  std::string filePath;  // absolute
+  int fileCache = 0;
+  int clearnDay = 0;
+  int fileSize = 0;  // bytes
+  int bpType = 0;    // equal to the map key
+};
+
+class CAdditionCtrlor {
+ public:
+  // Not locked: the first call happens during start, on one thread.
+  static CAdditionCtrlor* GetInstance();
+  static void ReleaseInstance();
+
+  // One entry per member of the "/addition" object, keyed by its "/bp_type"; a later member
+  // with the same type overwrites an earlier one. False, without a log line, when "/addition"
+  // is not an object or a member lacks a key; entries of earlier members stay. Entries of types
+  // that a later parse no longer lists are kept.
+  bool Parse(JsonUtil& document);
+
+  // The entry's value exactly as stored (no substitution for values below 1), else the default.
+  std::string GetFilePath(int type) const;
+  int GetFileSize(int type) const;
+  int GetClearnDay(int type) const;
+  int GetFileCache(int type) const;
+
+  CAdditionCtrlor(const CAdditionCtrlor&) = delete;
+  CAdditionCtrlor& operator=(const CAdditionCtrlor&) = delete;
+
+ private:
+  CAdditionCtrlor() = default;
+  ~CAdditionCtrlor() = default;
+
+  const CConfigSub* Find(int type) const;
+
+  static CAdditionCtrlor* instance_;
+
+  std::map<int, CConfigSub> subs_;
+};
+
+#endif

@@ -1,0 +1,50 @@
+#include "config/config_clearn.h"
+
+#include <cstdlib>
+
+#include "common/log.h"
+
+int ConvertMiBToBytes(int mib) {
+  int bytes = 0;
+  if (__builtin_mul_overflow(mib, 1048576, &bytes)) {
+    std::abort();
+  }
+  return bytes;
+}
+
+CClearnCfg* CClearnCfg::instance_ = nullptr;
+
+CClearnCfg* CClearnCfg::GetInstance() {
+  if (instance_ == nullptr) {
+    instance_ = new CClearnCfg();
+  }
+  return instance_;
+}
+
+void CClearnCfg::ReleaseInstance() {
+  delete instance_;
+  instance_ = nullptr;
+}
+
+bool CClearnCfg::Parse(JsonUtil& document) {
+  // The two messages name the log section on purpose; operators grep for these texts.
+  if (document.JsonGetInteger("/default/clearn/day", &timeInterval_, -1) != JsonUtil::kOk) {
+    ZLOG_ERROR("[CMaintainceLogCfg]::Parse maintaince log cach size failed.");
+    return false;
+  }
+  if (document.JsonGetInteger("/default/clearn/file_size", &limitFileSize_, -1) !=
+      JsonUtil::kOk) {
+    ZLOG_ERROR("[CMaintainceLogCfg]::Parse maintaince file size failed.");
+    return false;
+  }
+  limitFileSize_ = ConvertMiBToBytes(limitFileSize_);
+  return true;
+}
+
+int CClearnCfg::GetTimeInterval() const {
+  return timeInterval_ < 1 ? kDefaultTimeInterval : timeInterval_;
+}
+
+int CClearnCfg::GetLimitFileSize() const {
+  return limitFileSize_ < 1 ? kDefaultLimitFileSize : limitFileSize_;
+}

@@ -1,0 +1,36 @@
+// Collection settings: sampling frequency and monitor type handed to the platform notifiers,
+// and the hit rate each worker applies to its window.
+#ifndef NUV_CONFIG_CONFIG_COLLECT_H
+#define NUV_CONFIG_CONFIG_COLLECT_H
+
+#include "common/jsonutil.h"
+
+class CCollectSdkCfg {
+ public:
+  // Not locked: the first call happens during start, on one thread.
+  static CCollectSdkCfg* GetInstance();
+  static void ReleaseInstance();
+
+  // Reads frequency, monitor type and hit rate in that order; the first failed read returns
+  // false and keeps what was read before it. No log line.
+  bool Parse(JsonUtil& document);
+
+  int GetCollectFrequency() const { return collectFrequency_; }
+  int GetMonitorType() const { return monitorType_; }
+  int GetHitRate() const { return hitRate_; }
+
+  CCollectSdkCfg(const CCollectSdkCfg&) = delete;
+  CCollectSdkCfg& operator=(const CCollectSdkCfg&) = delete;
+
+ private:
+  CCollectSdkCfg() = default;
+  ~CCollectSdkCfg() = default;
+
+  static CCollectSdkCfg* instance_;
+
+  int collectFrequency_ = 5;
+  int monitorType_ = 31;
+  int hitRate_ = 80;
+};
+
+#endif

@@ -1,0 +1,51 @@
+#include "result_word.h"
+
+#include <cstdio>
+#include <vector>
+
+#include "nuv_maintenance.h"
+#include "nuv_path.h"
+
+namespace nuvtools {
+
+std::string ResultWord(uint32_t result) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%08X", result);
+  return buf;
+}
+
+const char* ResultMeaning(uint32_t result) {
+  switch (result) {
+    case NUV_MAINT_OK:
+      return "success";
+    case NUV_MAINT_REFUSED:
+      return "refused, or a process could not be started";
+    case NUV_MAINT_INVALID_PARAMETER:
+      return "invalid parameters or data";
+    case NUV_MAINT_BUS_DATA:
+      return "bus data could not be taken";
+    case NUV_MAINT_BP_INVALID:
+      return "burying point invalid";
+    case NUV_MAINT_START_FAILED:
+      return "start failed";
+    default:
+      return "unknown result";
+  }
+}
+
+std::string DescribeResult(uint32_t result) {
+  return ResultWord(result) + " (" + ResultMeaning(result) + ")";
+}
+
+std::string ConfigPathFor(const std::string& exe_path) {
+  std::vector<char> buf(exe_path.begin(), exe_path.end());
+  buf.push_back('\0');
+  nuv_path_remove_name_a(buf.data());
+  std::string path = std::string(buf.data()) + "/../config/maintenance.json";
+  buf.assign(path.begin(), path.end());
+  buf.push_back('\0');
+  nuv_path_format_a(buf.data());
+  return buf.data();
+}
+
+}  // namespace nuvtools

@@ -1,0 +1,103 @@
+// nuv_maintd: the host daemon. Starts the maintenance library, waits for SIGINT or SIGTERM,
+// stops it.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "nuv_log.h"
+#include "nuv_maintenance.h"
+#include "nuv_path.h"
+#include "result_word.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: nuv_maintd [--log-level N] [--log-file PATH]\n"
+    "\n"
+    "Runs the maintenance library until SIGINT (Ctrl-C) or SIGTERM.\n"
+    "The configuration is read from <dir of nuv_maintd>/../config/maintenance.json.\n"
+    "\n"
+    "options:\n"
+    "  --log-level N    0 error, 1 warn, 2 info (default), 3 debug; also NUV_LOG_LEVEL\n"
+    "  --log-file PATH  append the log to PATH instead of stderr; also NUV_LOG_FILE\n"
+    "  --version        print the version and exit\n"
+    "  --help           print this help and exit\n";
+
+int Usage(const char* error) {
+  std::fprintf(stderr, "nuv_maintd: %s\n%s", error, kUsage);
+  return 2;
+}
+
+std::string ExePath() {
+  char exe[4096];
+  return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuv_maintd";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* env_log = std::getenv("NUV_LOG_FILE");
+  std::string log_file = env_log ? env_log : "";
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (arg == "--version") {
+      std::printf("nuv_maintd %s\n", NUV_VERSION);
+      return 0;
+    }
+    if (arg == "--log-level" || arg == "--log-file") {
+      if (i + 1 >= argc) return Usage((arg + " needs a value").c_str());
+      std::string value = argv[++i];
+      if (arg == "--log-file") {
+        nuv_log_set_file(value.c_str());
+        log_file = value;
+        continue;
+      }
+      char* end = nullptr;
+      long level = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || level < 0 || level > 3)
+        return Usage(("--log-level takes 0, 1, 2 or 3, not '" + value + "'").c_str());
+      nuv_log_set_level(static_cast<int>(level));
+      continue;
+    }
+    return Usage(("unknown argument '" + arg + "'").c_str());
+  }
+
+  // Blocked before start so that every thread the library starts inherits the mask and the
+  // signals reach sigwait below.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  std::string config = nuvtools::ConfigPathFor(ExePath());
+  uint32_t rc = nuv_start_perf_manager();
+  if (rc != NUV_MAINT_OK) {
+    std::fprintf(stderr, "nuv_maintd: start failed: %s\n", nuvtools::DescribeResult(rc).c_str());
+    if (rc == NUV_MAINT_START_FAILED)
+      std::fprintf(stderr,
+                   "nuv_maintd: the configuration %s could not be loaded or the library could "
+                   "not start; the reason is in %s.\n",
+                   config.c_str(),
+                   log_file.empty() ? "the log lines above" : ("the log " + log_file).c_str());
+    return 1;
+  }
+  std::fprintf(stderr, "nuv_maintd: started (pid %ld) with %s; stop with Ctrl-C or SIGTERM\n",
+               static_cast<long>(getpid()), config.c_str());
+
+  int sig = 0;
+  while (sigwait(&stop_signals, &sig) != 0) {
+  }
+  std::fprintf(stderr, "nuv_maintd: %s received, stopping\n", strsignal(sig));
+  nuv_stop_perf_manager();
+  return 0;
+}
