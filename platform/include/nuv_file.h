@@ -50,6 +50,10 @@ NUV_API uint64_t nuv_file_size(const char *path);
  * position is untouched. Returns the count, or -1 (errno set). */
 NUV_API int64_t nuv_file_getlines(nuv_file_t *file);
 
+/* Cuts (or extends with zeros) the file at `path` to `size` bytes. Handles open on it stay
+ * valid: appends land at the new end, reads see the new size. Returns 0, or -1 with errno. */
+NUV_API int nuv_file_truncate(const char *path, uint64_t size);
+
 /* Removes the file at `path`. Returns 0, or -1 with errno. */
 NUV_API int nuv_file_remove(const char *path);
 

@@ -155,6 +155,18 @@ int64_t nuv_file_getlines(nuv_file_t *file) {
   return lines;
 }
 
+int nuv_file_truncate(const char *path, uint64_t size) {
+  if (!path || size > (uint64_t)INT64_MAX) {
+    errno = EINVAL;
+    return -1;
+  }
+  int rc;
+  do {
+    rc = truncate(path, (off_t)size);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0 ? 0 : -1;
+}
+
 int nuv_file_remove(const char *path) {
   if (!path) {
     errno = EINVAL;

@@ -103,6 +103,21 @@ TEST(File, GetLinesCountsUnflushedWritesOfItsOwnHandle) {
   EXPECT_EQ(nuvtest::ReadLines(path).size(), 5u);
 }
 
+TEST(File, TruncateCutsBesideOpenHandles) {
+  nuvtest::TempDir dir;
+  std::string path = dir.Sub("content");
+  ASSERT_TRUE(nuvtest::WriteFile(path, "recordApartial"));
+  nuv_file_t* w = nuv_file_open(path.c_str(), "ab+");
+  ASSERT_NE(w, nullptr);
+  ASSERT_EQ(nuv_file_truncate(path.c_str(), 7), 0);
+  EXPECT_EQ(nuv_file_size(path.c_str()), 7u);
+  ASSERT_EQ(nuv_file_write(w, "recordB", 7), 7u);  // appends at the new end
+  nuv_file_close(w);
+  EXPECT_EQ(nuvtest::ReadFile(path), "recordArecordB");
+  EXPECT_EQ(nuv_file_truncate(dir.Sub("missing").c_str(), 0), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
 TEST(File, GetLinesOverManyBlocksLeavesPositionAlone) {
   nuvtest::TempDir dir;
   std::string path = dir.Sub("big");

@@ -1,0 +1,38 @@
+// The content file of one stream: its records back to back with no separators. Where each
+// record lies is kept by the index file.
+#ifndef NUV_FILE_FILECONTENT_H
+#define NUV_FILE_FILECONTENT_H
+
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "file/fileindex.h"
+#include "file/fileoperator.h"
+
+class CFileContent {
+ public:
+  CError InitFilePath(const std::string& path);
+  // Appends the record up to its first NUL byte; `offset` is where it starts.
+  CError WriteContent(const std::string& record, int& offset);
+  // The record `entry` locates; 209 when it ends at the end of the file.
+  CError ReadContent(IndexData& entry, std::string& out);
+  // The records of `entries` in order; the last read's result.
+  CError ReadBatchContent(std::vector<IndexData>& entries, std::vector<std::string>& out);
+  // As ReadBatchContent, but only successful (209) when the last record ends exactly at the
+  // end of the file; otherwise no records.
+  CError ReadAllContent(std::vector<IndexData>& entries, std::vector<std::string>& out);
+
+  int GetOffset() { return operator_.GetFileOffset(); }
+  std::string GetFileContentPath() const { return path_; }
+  CFileOperator& GetOperator() { return operator_; }
+
+  void Flush() { operator_.Flush(); }
+  void CloseFile() { operator_.Close(); }
+
+ private:
+  std::string path_;
+  CFileOperator operator_;
+};
+
+#endif

@@ -1,0 +1,141 @@
+#include "file/fileindex.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+
+#include "common/utils.h"
+
+namespace {
+
+// The pieces between single blanks, empty ones included, so that a doubled, leading or
+// trailing blank changes the count and the line is refused.
+std::vector<std::string> SplitAtEveryBlank(const std::string& line) {
+  std::vector<std::string> pieces(1);
+  for (char c : line) {
+    if (c == ' ') {
+      pieces.emplace_back();
+    } else {
+      pieces.back().push_back(c);
+    }
+  }
+  return pieces;
+}
+
+}  // namespace
+
+std::string IndexData::ToString() const {
+  char buffer[32] = {0};
+  std::snprintf(buffer, sizeof(buffer), "%010d %010d\n", static_cast<int>(offset),
+                static_cast<int>(length));
+  return buffer;
+}
+
+bool IndexData::StringToIndex(const std::string& line) {
+  if (line.empty()) {
+    return false;
+  }
+  const std::vector<std::string> pieces = SplitAtEveryBlank(line);
+  if (pieces.size() != 2 || pieces[1].empty()) {
+    return false;
+  }
+  const std::string lengthText = pieces[1].substr(0, pieces[1].size() - 1);
+  if (!IsNumberA(pieces[0]) || !IsNumberA(lengthText)) {
+    return false;
+  }
+  offset = static_cast<unsigned int>(ConvertStringToNumber(pieces[0].c_str()));
+  length = static_cast<unsigned int>(ConvertStringToNumber(pieces[1].c_str()));
+  return true;
+}
+
+CError CFileIndex::InitFilePath(const std::string& path) {
+  CError result = operator_.InitOperator(path);
+  if (result.IsSuccess()) {
+    path_ = path;
+  }
+  return result;
+}
+
+CError CFileIndex::WriteIndex(IndexData& entry) {
+  if (!entry.IsValid()) {
+    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "index data len = 0");
+  }
+  int offset = 0;
+  return operator_.WriteFile(entry.ToString(), offset);
+}
+
+CError CFileIndex::ReadIndex(unsigned int n, IndexData& entry) {
+  if (n == 0) {
+    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "read index = 0");
+  }
+  const uint64_t position = static_cast<uint64_t>(n - 1) * kIndexLineSize;
+  std::string line;
+  CError result;
+  if (position <= static_cast<uint64_t>(INT_MAX)) {
+    int next = 0;
+    result = operator_.ReadFile(static_cast<int>(position), kIndexLineSize, line, next);
+  }
+  if (line.empty()) {
+    return CError::CreateError(kFileErrRead, "read file failed, path = %s", path_.c_str());
+  }
+  if (!IsReadOk(result)) {
+    return result;
+  }
+  entry.StringToIndex(line);
+  return result;
+}
+
+CError CFileIndex::ReadBatchIndexs(unsigned int start, unsigned int count, unsigned int& next,
+                                   std::vector<IndexData>& out) {
+  const int64_t total = GetIndexCounts();
+  if (total < static_cast<int64_t>(start)) {
+    next = 0;
+    out.clear();
+    return CError::CreateError(kFileErrParam, "parameters invalid, %s",
+                               "read batch indexs invalid");
+  }
+  uint64_t batch = count;
+  if (total < static_cast<int64_t>(batch) ||
+      total < static_cast<int64_t>(start) + static_cast<int64_t>(batch)) {
+    batch = static_cast<uint64_t>(total - start + 1);
+  }
+  const uint64_t end = start + batch;
+  CError result;
+  for (uint64_t i = start; i < end; ++i) {
+    IndexData entry;
+    result = ReadIndex(static_cast<unsigned int>(i), entry);
+    if (!IsReadOk(result)) {
+      next = 0;
+      out.clear();
+      return result;
+    }
+    out.push_back(entry);
+  }
+  next = static_cast<unsigned int>(end);
+  return result;
+}
+
+CError CFileIndex::ReadAllIndex(std::vector<IndexData>& out) {
+  int offset = 0;
+  for (;;) {
+    std::string line;
+    int next = 0;
+    CError result = operator_.ReadFile(offset, kIndexLineSize, line, next);
+    if (!IsReadOk(result)) {
+      out.clear();
+      return result;
+    }
+    if (line.empty() && result.code != kFileErrReadEnd) {
+      out.clear();
+      return CError::CreateError(kFileErrRead, "read file failed, path = %s", path_.c_str());
+    }
+    IndexData entry;
+    if (entry.StringToIndex(line)) {
+      out.push_back(entry);
+    }
+    if (result.code == kFileErrReadEnd) {
+      return CError();
+    }
+    offset = next;
+  }
+}

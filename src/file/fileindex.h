@@ -1,0 +1,58 @@
+// Index entries and the index file of one stream: one 22-byte line "%010d %010d\n" (offset,
+// length) per record, in record order, with no header or trailer. Record n is line n, counting
+// from 1, and starts at byte (n - 1) * 22.
+#ifndef NUV_FILE_FILEINDEX_H
+#define NUV_FILE_FILEINDEX_H
+
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "file/fileoperator.h"
+
+constexpr int kIndexLineSize = 22;
+
+struct IndexData {
+  IndexData() = default;
+  IndexData(unsigned int entryOffset, unsigned int entryLength)
+      : length(entryLength), offset(entryOffset) {}
+
+  // The 22-byte line of this entry.
+  std::string ToString() const;
+  // Parses one line; false, with the entry unchanged, when it is not an index line.
+  bool StringToIndex(const std::string& line);
+  bool IsValid() const { return length != 0; }
+
+  unsigned int length = 0;
+  unsigned int offset = 0;
+};
+
+class CFileIndex {
+ public:
+  CError InitFilePath(const std::string& path);
+  CError WriteIndex(IndexData& entry);
+  // Entry n (1-based); 209 for the last line of the file. A line that does not parse leaves
+  // `entry` as passed.
+  CError ReadIndex(unsigned int n, IndexData& entry);
+  // Entries start .. start + count - 1, clamped to the last one; `next` is the first entry not
+  // read (0 after an error).
+  CError ReadBatchIndexs(unsigned int start, unsigned int count, unsigned int& next,
+                         std::vector<IndexData>& out);
+  // Every line that parses. An empty file is error 208.
+  CError ReadAllIndex(std::vector<IndexData>& out);
+
+  int GetIndexCounts() { return operator_.GetFileLines(); }
+  int GetOffset() { return operator_.GetFileOffset(); }
+  std::string GetIndexFilePath() const { return path_; }
+  // Raw access for crash repair, which inspects lines that ReadIndex would not report.
+  CFileOperator& GetOperator() { return operator_; }
+
+  void Flush() { operator_.Flush(); }
+  void CloseFile() { operator_.Close(); }
+
+ private:
+  std::string path_;
+  CFileOperator operator_;
+};
+
+#endif

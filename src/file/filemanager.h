@@ -1,0 +1,66 @@
+// The single entry to the classified file store: every open stream by the hash of its
+// classification, opened on first use, all access serialised by one reader-writer lock, and
+// listings of the files on disk for the clean-up pass. Reach it through
+// CSingleton<CFileManager>::GetInstance().
+#ifndef NUV_FILE_FILEMANAGER_H
+#define NUV_FILE_FILEMANAGER_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "common/singleton.h"
+#include "file/fileclassify.h"
+#include "file/fileunit.h"
+#include "nuv_lock.h"
+
+class CFileManager {
+ public:
+  CFileManager();
+  ~CFileManager();
+  CFileManager(const CFileManager&) = delete;
+  CFileManager& operator=(const CFileManager&) = delete;
+
+  // Stream access, each under the exclusive lock (reads move file positions and may open
+  // units). Results of the unit pass through; 209 counts as success.
+  CError WriteFile(CFileClassify& classify, const std::string& record);
+  CError ReadFile(CFileClassify& classify, int n, std::string& out);
+  CError ReadBatchFile(CFileClassify& classify, unsigned int start, unsigned int count,
+                       unsigned int& next, std::vector<std::string>& out);
+  CError ReadALLFile(CFileClassify& classify, std::vector<std::string>& out);
+
+  // The stream's unit, opened and inserted if it is not open yet; null when it cannot be
+  // opened. The Nolock form is for callers that hold the lock.
+  CFileUnit* FindAndInsert(CFileClassify& classify);
+  CFileUnit* FindAndInsertNolock(CFileClassify& classify);
+
+  // Close the stream's unit and forget it; the files stay on disk.
+  void CloseFile(CFileClassify& classify);
+  void Delete(CFileClassify& classify);
+
+  // Flushes every open unit, under the shared lock.
+  void FileUnitsFlush();
+
+  // Listings of the files under the type's base directory, in walk order, appended to `out`.
+  // No lock: they read only the directory tree.
+  CError EnumFilesBySuffix(std::vector<std::string>& out, const std::string& suffix, int type);
+  CError EnumAllFiles(std::vector<std::string>& out, int type);
+  CError EnumFilesByType(unsigned int type, std::vector<std::string>& out);
+  CError EnumFilesByTime(const std::string& day, std::vector<std::string>& out, int type);
+
+ private:
+  class LockGuard;
+
+  void CloseUnit(CFileClassify& classify);
+  // Appends the files under the base of `type` that `take` accepts; 210 / 211 as documented.
+  template <typename Pred>
+  CError EnumMatching(unsigned int type, std::vector<std::string>& out, Pred take);
+
+  std::map<uint64_t, std::unique_ptr<CFileUnit>> units_;
+  nuv_rwlock_t* lock_ = nullptr;
+};
+
+#endif

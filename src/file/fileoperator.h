@@ -1,0 +1,65 @@
+// The store's only access to disk: one file opened twice, an append handle for writing and a
+// read-write handle for positioned reads. Sizes come from the path, so data still buffered in
+// the append handle is invisible to reads until it is flushed.
+#ifndef NUV_FILE_FILEOPERATOR_H
+#define NUV_FILE_FILEOPERATOR_H
+
+#include <cstdint>
+#include <string>
+
+#include "common/error.h"
+#include "nuv_file.h"
+
+// Error codes of the store (the 2xx range) and the parameter code it shares.
+enum FileErrorCode {
+  kFileErrParam = 102,
+  kFileErrOpen = 203,
+  kFileErrRead = 204,
+  kFileErrWrite = 205,
+  kFileErrMalloc = 206,
+  kFileErrOffset = 208,
+  kFileErrReadEnd = 209,  // the read reached the end of the file: carries data, not a failure
+  kFileErrFindFail = 210,
+  kFileErrFindEmpty = 211,
+  kFileErrIndexWrite = 212,
+  kFileErrReset = 213,
+};
+
+// Success, or the end-of-file signal that travels with valid data.
+inline bool IsReadOk(const CError& error) {
+  return error.code == 0 || error.code == kFileErrReadEnd;
+}
+
+class CFileOperator {
+ public:
+  CFileOperator();
+  ~CFileOperator();
+  CFileOperator(const CFileOperator&) = delete;
+  CFileOperator& operator=(const CFileOperator&) = delete;
+
+  // Creates the file's directory and opens both handles (the file is created if missing).
+  CError InitOperator(const std::string& path);
+  // Up to `length` bytes at `offset`. 209 when the read consumed the last byte of the file
+  // (with data); 208 at or beyond the end. `next` is the position after what was read.
+  CError ReadFile(int offset, int length, std::string& out, int& next);
+  // Appends `data` (unflushed); `offset` receives the append handle's position before it.
+  CError WriteFile(const std::string& data, int& offset);
+  // Cuts the file on disk to `size` bytes after pushing out buffered writes.
+  CError Truncate(uint64_t size);
+
+  int GetFileLines();
+  int GetFileOffset();
+  const std::string& GetPath() const { return path_; }
+
+  void Flush();
+  // Closes the write handle and, only if that was open, the read handle too.
+  void Close();
+  void Reset();
+
+ private:
+  nuv_file_t* read_ = nullptr;
+  nuv_file_t* write_ = nullptr;
+  std::string path_;
+};
+
+#endif

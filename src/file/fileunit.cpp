@@ -1,0 +1,219 @@
+#include "file/fileunit.h"
+
+#include <climits>
+
+#include "common/log.h"
+#include "common/utils.h"
+#include "config/config_addition.h"
+#include "config/config_clearn.h"
+#include "nuv_file.h"
+
+namespace {
+
+std::string Today() { return GenerateCurrentTime("%Y%m%d", 16); }
+
+// True when `line` is a whole index line locating a record that lies inside the content.
+bool LocatesStoredRecord(const std::string& line, uint64_t contentSize) {
+  IndexData entry;
+  if (line.size() != static_cast<size_t>(kIndexLineSize) || line.back() != '\n' ||
+      !entry.StringToIndex(line) || !entry.IsValid()) {
+    return false;
+  }
+  return static_cast<uint64_t>(entry.offset) + entry.length <= contentSize;
+}
+
+}  // namespace
+
+CError CFileUnit::InitFileUint(CFileClassify& classify) {
+  CError result = index_.InitFilePath(classify.GetIndexPath());
+  if (!result.IsSuccess()) {
+    return result;
+  }
+  result = content_.InitFilePath(classify.GetContentPath());
+  if (!result.IsSuccess()) {
+    return result;
+  }
+  indexPath_ = classify.GetIndexPath();
+  contentPath_ = classify.GetContentPath();
+  time_ = classify.GetTime();
+  type_ = classify.GetType();
+  result = Repair();
+  if (!result.IsSuccess()) {
+    return result;
+  }
+  TakeOpenedSizes();
+  return result;
+}
+
+CError CFileUnit::Repair() {
+  const uint64_t indexSize = nuv_file_size(indexPath_.c_str());
+  const uint64_t contentSize = nuv_file_size(contentPath_.c_str());
+  if (indexSize == NUV_FILE_SIZE_UNKNOWN || contentSize == NUV_FILE_SIZE_UNKNOWN ||
+      indexSize > static_cast<uint64_t>(INT_MAX)) {
+    return CError();
+  }
+  // A crash leaves at most a torn tail: scan back from the last whole line to the first one
+  // that locates a record actually stored; everything after it, in both files, is cut.
+  uint64_t keepIndex = indexSize - indexSize % kIndexLineSize;
+  uint64_t keepContent = 0;
+  while (keepIndex > 0) {
+    std::string line;
+    int next = 0;
+    CError read = index_.GetOperator().ReadFile(static_cast<int>(keepIndex - kIndexLineSize),
+                                                kIndexLineSize, line, next);
+    if (!IsReadOk(read)) {
+      // Not a torn line but a failing file: cut nothing rather than records.
+      return read;
+    }
+    if (LocatesStoredRecord(line, contentSize)) {
+      IndexData entry;
+      entry.StringToIndex(line);
+      keepContent = static_cast<uint64_t>(entry.offset) + entry.length;
+      break;
+    }
+    keepIndex -= kIndexLineSize;
+  }
+  if (keepIndex == indexSize && keepContent == contentSize) {
+    return CError();
+  }
+  if (keepIndex < indexSize) {
+    CError cut = index_.GetOperator().Truncate(keepIndex);
+    if (!cut.IsSuccess()) {
+      return cut;
+    }
+  }
+  if (keepContent < contentSize) {
+    CError cut = content_.GetOperator().Truncate(keepContent);
+    if (!cut.IsSuccess()) {
+      return cut;
+    }
+  }
+  ZLOG_WARN(
+      "[CFileUnit]::InitFileUint repaired, index = %s, cut index bytes = %llu, cut content "
+      "bytes = %llu.",
+      indexPath_.c_str(), static_cast<unsigned long long>(indexSize - keepIndex),
+      static_cast<unsigned long long>(contentSize - keepContent));
+  return CError();
+}
+
+void CFileUnit::TakeOpenedSizes() {
+  indexOffset_ = static_cast<uint32_t>(index_.GetOffset());
+  contentOffset_ = static_cast<uint32_t>(content_.GetOffset());
+  flushedIndexOffset_ = 0;
+  flushedContentOffset_ = 0;
+}
+
+CError CFileUnit::WriteFile(const std::string& record) {
+  if (!Reset()) {
+    return CError::CreateError(kFileErrReset, "reset file failed. index = %s, content = %s",
+                               indexPath_.c_str(), contentPath_.c_str());
+  }
+  int offset = 0;
+  CError result = content_.WriteContent(record, offset);
+  if (!result.IsSuccess()) {
+    ZLOG_ERROR("[nuv_maintain][fileunit] write content failed.");
+    return result;
+  }
+  // Entries take their offsets from the running content offset, not from the file handle.
+  IndexData entry(contentOffset_, static_cast<unsigned int>(record.size()));
+  contentOffset_ += static_cast<uint32_t>(record.size());
+  result = index_.WriteIndex(entry);
+  if (!result.IsSuccess()) {
+    result = CError::CreateError(kFileErrIndexWrite, "write index success content fail = %s",
+                                 indexPath_.c_str());
+  }
+  if (contentOffset_ - flushedContentOffset_ > kFlushThreshold) {
+    Flush();
+  }
+  return result;
+}
+
+bool CFileUnit::Reset() {
+  if (indexPath_.empty() || contentPath_.empty()) {
+    return true;
+  }
+  const std::string today = Today();
+  if (today != time_ || contentOffset_ - flushedContentOffset_ > kReopenThreshold) {
+    // A new day moves the stream to that day's directory; within the day the same pair is
+    // closed and reopened, which bounds what sits unflushed in the handles.
+    CFileClassify classify;
+    if (!CFileClassify::ParseFilePath(indexPath_, classify) ||
+        !classify.InitFileClassify(classify.GetName(), classify.GetPid(), classify.GetType())) {
+      return false;
+    }
+    index_.CloseFile();
+    content_.CloseFile();
+    index_.InitFilePath(classify.GetIndexPath());
+    content_.InitFilePath(classify.GetContentPath());
+    indexPath_ = classify.GetIndexPath();
+    contentPath_ = classify.GetContentPath();
+    time_ = classify.GetTime();
+    type_ = classify.GetType();
+    indexOffset_ = static_cast<uint32_t>(nuv_file_size(indexPath_.c_str()));
+    contentOffset_ = static_cast<uint32_t>(nuv_file_size(contentPath_.c_str()));
+    flushedIndexOffset_ = 0;
+    flushedContentOffset_ = 0;
+    return true;
+  }
+
+  const int64_t limit = IsMaintainceLogType(type_)
+                            ? CClearnCfg::GetInstance()->GetLimitFileSize()
+                            : CAdditionCtrlor::GetInstance()->GetFileSize(static_cast<int>(type_));
+  const uint64_t indexSize = nuv_file_size(indexPath_.c_str());
+  const uint64_t contentSize = nuv_file_size(contentPath_.c_str());
+  if (limit >= 0 && indexSize <= static_cast<uint64_t>(limit) &&
+      contentSize <= static_cast<uint64_t>(limit)) {
+    return true;
+  }
+  // The store is bounded by deletion: a stream past its limit starts again empty.
+  index_.CloseFile();
+  content_.CloseFile();
+  nuv_file_remove(indexPath_.c_str());
+  nuv_file_remove(contentPath_.c_str());
+  if (!index_.InitFilePath(indexPath_).IsSuccess() ||
+      !content_.InitFilePath(contentPath_).IsSuccess()) {
+    return false;
+  }
+  TakeOpenedSizes();
+  return true;
+}
+
+CError CFileUnit::ReadFile(int n, std::string& out) {
+  IndexData entry;
+  CError result = index_.ReadIndex(static_cast<unsigned int>(n), entry);
+  if (!IsReadOk(result)) {
+    return result;
+  }
+  return content_.ReadContent(entry, out);
+}
+
+CError CFileUnit::ReadBatchFile(unsigned int start, unsigned int count, unsigned int& next,
+                                std::vector<std::string>& out) {
+  std::vector<IndexData> entries;
+  CError result = index_.ReadBatchIndexs(start, count, next, entries);
+  if (!IsReadOk(result)) {
+    return result;
+  }
+  return content_.ReadBatchContent(entries, out);
+}
+
+CError CFileUnit::ReadALLFile(std::vector<std::string>& out) {
+  std::vector<IndexData> entries;
+  CError result = index_.ReadAllIndex(entries);
+  if (!result.IsSuccess()) {
+    return result;
+  }
+  return content_.ReadAllContent(entries, out);
+}
+
+void CFileUnit::Flush() {
+  flushedIndexOffset_ = indexOffset_;
+  flushedContentOffset_ = contentOffset_;
+  index_.Flush();
+  content_.Flush();
+}
+
+void CFileUnit::Close() {
+  index_.CloseFile();
+  content_.CloseFile();
+}

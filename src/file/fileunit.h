@@ -1,0 +1,68 @@
+// One open stream of the store: an index file and a content file named by one classification.
+// Appends records (content first, then the index line that locates it) and reads them back.
+// Before every write it decides whether the pair moves to a new day's directory, is reopened
+// to bound its buffered data, or starts again empty because it outgrew its size limit.
+//
+// Opening repairs a pair left inconsistent by a crash: a partial last index line, trailing
+// index lines that do not parse or point past the end of the content, and content bytes
+// beyond the last indexed record are cut, so every record that was fully written and indexed
+// reads back.
+#ifndef NUV_FILE_FILEUNIT_H
+#define NUV_FILE_FILEUNIT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "file/fileclassify.h"
+#include "file/filecontent.h"
+#include "file/fileindex.h"
+
+class CFileUnit {
+ public:
+  // More unflushed content than this makes the next write reopen the pair.
+  static constexpr uint32_t kReopenThreshold = 0x100000;
+  // More unflushed content than this after a write flushes it.
+  static constexpr uint32_t kFlushThreshold = 0x80000;
+
+  CFileUnit() = default;
+  CFileUnit(const CFileUnit&) = delete;
+  CFileUnit& operator=(const CFileUnit&) = delete;
+
+  CError InitFileUint(CFileClassify& classify);
+  CError WriteFile(const std::string& record);
+  CError ReadFile(int n, std::string& out);
+  CError ReadBatchFile(unsigned int start, unsigned int count, unsigned int& next,
+                       std::vector<std::string>& out);
+  CError ReadALLFile(std::vector<std::string>& out);
+  // The check made before every write; false when the pair cannot be moved or restarted.
+  bool Reset();
+  void Flush();
+  void Close();
+
+  std::string GetIndexPath() const { return indexPath_; }
+  std::string GetContentPath() const { return contentPath_; }
+  std::string GetTime() const { return time_; }
+  uint32_t GetContentOffset() const { return contentOffset_; }
+  uint32_t GetFlushedContentOffset() const { return flushedContentOffset_; }
+
+ private:
+  // Brings a freshly opened pair back to its last complete record.
+  CError Repair();
+  // Takes the offsets of a pair just opened.
+  void TakeOpenedSizes();
+
+  CFileIndex index_;
+  CFileContent content_;
+  uint32_t indexOffset_ = 0;
+  uint32_t contentOffset_ = 0;
+  uint32_t flushedIndexOffset_ = 0;
+  uint32_t flushedContentOffset_ = 0;
+  std::string indexPath_;
+  std::string contentPath_;
+  std::string time_;
+  uint32_t type_ = 0;
+};
+
+#endif
