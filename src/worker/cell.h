@@ -1,0 +1,80 @@
+// Sample cells: one sample as a sliding window keeps it, whether the condition hit on it, and
+// its JSON rendering for the subscriber.
+#ifndef NUV_WORKER_CELL_H
+#define NUV_WORKER_CELL_H
+
+#include <jansson.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "worker/data.h"
+
+class CExpress;
+
+// A cell never changes after its ConstructCell. Owned by one window at a time, then by the
+// worker that popped it; deleted through the base.
+class CCell {
+ public:
+  CCell() = default;
+  virtual ~CCell() = default;
+  CCell(const CCell&) = delete;
+  CCell& operator=(const CCell&) = delete;
+
+  // Replaces `out` with the cell and its monitor as one JSON text ending in a line feed; `out`
+  // is left as it was when rendering fails. The bare base renders "".
+  virtual void GetString(const CMonitorData& monitor, std::string& out);
+  virtual bool GetResult() const { return hit_; }
+  // The target the cell stands for, as a monitor's image and pid name it.
+  virtual std::string GetName() const { return std::string(); }
+  virtual uint32_t GetPid() const { return 0; }
+
+ protected:
+  // Sets the expression, evaluates it into hit_ and logs the outcome.
+  CError Evaluate(CExpress& express, const std::string& condition);
+  // {"header": {...}, "body": body} serialised into `out`; takes the reference on `body`.
+  static void Render(const CMonitorData& monitor, json_t* body, std::string& out);
+
+  bool hit_ = false;
+};
+
+class CProcessCell : public CCell {
+ public:
+  CError ConstructCell(const ProcessInfo& info, const std::string& condition);
+
+  void GetString(const CMonitorData& monitor, std::string& out) override;
+  std::string GetName() const override { return info_.image; }
+  uint32_t GetPid() const override { return info_.pid; }
+
+ private:
+  ProcessInfo info_;
+};
+
+class CSystemCell : public CCell {
+ public:
+  CError ConstructCell(const SystemInfo& info, const std::string& condition);
+
+  void GetString(const CMonitorData& monitor, std::string& out) override;
+  std::string GetName() const override { return "system"; }
+  uint32_t GetPid() const override { return 0; }
+
+ private:
+  SystemInfo info_;
+};
+
+// All processes of one notification. Only "A" is defined for its condition.
+class CAllProcessCell : public CCell {
+ public:
+  CError ConstructCell(const std::vector<ProcessInfo>& infos, const std::string& condition);
+
+  void GetString(const CMonitorData& monitor, std::string& out) override;
+  std::string GetName() const override { return "processpoint"; }
+  uint32_t GetPid() const override { return 3; }
+
+ private:
+  std::vector<ProcessInfo> infos_;
+};
+
+#endif

@@ -1,0 +1,95 @@
+#include "worker/express.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "worker/worker_test_support.h"
+
+namespace {
+
+struct Sample {
+  float cpu;
+  unsigned int memory, threads, handles, rio, wio;
+  bool system;  // a system sample defines neither T nor H, and R and W as 0
+};
+
+// The callers' order: A, the sample's letters, the text, evaluation. `hit` starts true so that
+// a failure touching it shows.
+CError Evaluate(const std::string& text, const Sample& s, bool& hit) {
+  CExpress express;
+  express.SetAllValue(true);
+  express.SetCpuValue(s.cpu);
+  express.SetMemoryValue(s.memory);
+  if (!s.system) {
+    express.SetThreadValue(s.threads);
+    express.SetHandleValue(s.handles);
+  }
+  express.SetWIoValue(s.system ? 0 : s.wio);
+  express.SetRIoValue(s.system ? 0 : s.rio);
+  express.SetExpress(text);
+  hit = true;
+  return express.EvalExpress(hit);
+}
+
+TEST(CExpress, ConditionsTable) {
+  const Sample cpu50{50.0f, 0, 0, 0, 0, 0, false}, cpu50half{50.5f, 0, 0, 0, 0, 0, false};
+  const Sample busy{10.0f, 200, 11, 3, 20, 30, false}, idle{0.0f, 0, 0, 0, 0, 0, false};
+  const Sample maxMemory{0.0f, 4294967295u, 0, 0, 0, 0, false};
+  const Sample system{95.0f, 5000, 0, 0, 0, 0, true};
+  const struct {
+    const char* text;
+    Sample sample;
+    int code;
+    bool hit;
+  } rows[] = {
+      {"C>50", cpu50, 0, false}, {"C>50", cpu50half, 0, true}, {"C>=50", cpu50, 0, true},
+      {"C==50", cpu50, 0, true}, {"C<50", cpu50, 0, false},
+      {"C<=50&&M>100", busy, 0, true}, {"C<=50&&M>300", busy, 0, false},
+      {"C>90||T>10", busy, 0, true}, {"(R>10)&&(W>25)&&(H<4)", busy, 0, true},
+      {"M", busy, 0, true}, {"M", idle, 0, false}, {"C-C", busy, 0, false},
+      // Letters carry raw unsigned figures: the largest is not -1.
+      {"M>4294967294", maxMemory, 0, true}, {"M>4294967295", maxMemory, 0, false},
+      {"M==5000&&R==0&&W==0", system, 0, true},
+      // "A" hits unevaluated, even over text the parser would refuse.
+      {"A", idle, 0, true}, {"A|C>90", idle, 0, true}, {"A&&T>1", system, 0, true},
+      // Single "|" and "&" are not operators of the parser's grammar.
+      {"C>90|M>1", busy, 107, false}, {"C>90&M>1", busy, 107, false},
+      {"T>10", system, 107, false}, {"H>10", system, 107, false}, {"X>1", busy, 107, false},
+      {"C>", busy, 107, false}, {"", busy, 106, false},
+  };
+  for (const auto& row : rows) {
+    bool hit = true;
+    EXPECT_EQ(Evaluate(row.text, row.sample, hit).code, row.code) << row.text;
+    EXPECT_EQ(hit, row.code == 0 ? row.hit : true) << row.text << ": failures leave hit alone";
+  }
+}
+
+TEST(CExpress, ErrorTextsAndLogLines) {
+  const Sample system{99.0f, 0, 0, 0, 0, 0, true};
+  bool hit = false;
+  CError error;
+  const std::vector<std::string> failed =
+      workertest::CaptureMessages([&] { error = Evaluate("T>10", system, hit); });
+  EXPECT_EQ(error.desc, "eval express failed, express = T>10");
+  ASSERT_EQ(failed.size(), 5u) << ::testing::PrintToString(failed);
+  EXPECT_EQ(failed[0].rfind("[ERROR] [Express]::Exception message = ", 0), 0u);
+  // The message and the token are separate texts of the parser.
+  EXPECT_NE(failed[0], "[ERROR] [Express]::Exception message = T. ");
+  EXPECT_EQ(failed[1], "[ERROR] [Express]::Exception token = T. ");
+  EXPECT_EQ(failed[2], "[ERROR] [Express]::Exception position = 0. ");
+  const std::string code = failed[3].substr(36, failed[3].size() - 38);
+  EXPECT_EQ(failed[3], "[ERROR] [Express]::Exception code = " + code + ". ");
+  EXPECT_TRUE(!code.empty() && code.find_first_not_of("0123456789") == std::string::npos);
+  EXPECT_EQ(failed[4],
+            "[ERROR] [CExpress]::EvalExpress, express execute failed, express str = T>10.");
+
+  const std::vector<std::string> empty =
+      workertest::CaptureMessages([&] { error = Evaluate("", system, hit); });
+  EXPECT_EQ(error.desc, "express failed, express = empty");
+  EXPECT_EQ(empty,
+            std::vector<std::string>{"[ERROR] [CExpress]::EvalExpress, express string empty."});
+}
+
+}  // namespace
