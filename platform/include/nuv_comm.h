@@ -1,0 +1,101 @@
+/* Message bus: synchronous request/reply between the processes of one host.
+ *
+ * Each topic is a Unix stream socket named by the topic in the socket directory. A frame on
+ * the wire is a 4-byte little-endian length followed by that many bytes. A request frame holds
+ * the message bytes as posted; the reply frame holds the handler's 32-bit result
+ * (little-endian), then any reply bytes (none are sent today; clients skip them).
+ *
+ * Knobs, read from the environment when the bus is first initialised (init count 0 -> 1):
+ *   NUV_COMM_DIR         socket directory; default /run/nuv-comm for root, else
+ *                        $XDG_RUNTIME_DIR/nuv-comm, else /tmp/nuv-comm-<uid>. Created mode 0700
+ *                        by the first register; it must be owned by our uid or by root.
+ *   NUV_COMM_TIMEOUT_MS  send and receive time-out of a remote post, and of the rest of a
+ *                        frame once its first byte arrived at a server (default 5000).
+ *   NUV_COMM_MAX_MSG     largest message in bytes, either direction (default 4 MiB).
+ *   NUV_COMM_MAX_CONN    connections served at once per topic (default 64); more are closed at
+ *                        once.
+ *
+ * Topic names: 1 to 100 bytes of letters, digits and ":._-", but not "." or "..".
+ *
+ * A listener serves only peers whose uid (SO_PEERCRED) is its own or 0. The bus is not
+ * fork-safe: a child of a process using it must exec before using it. */
+#ifndef NUV_COMM_H
+#define NUV_COMM_H
+
+#include "nuv_api.h"
+
+NUV_BEGIN_DECLS
+
+/* Bus failures. Distinct from the 0x84CE.... results of the library's handlers; a handler
+ * should not return values of this range, since a poster cannot tell them apart. */
+#define NUV_COMM_E_NOTOPIC ((int)0x4E430001) /* nobody serves the topic */
+#define NUV_COMM_E_TIMEOUT ((int)0x4E430002) /* no answer within the time-out */
+#define NUV_COMM_E_TOOBIG ((int)0x4E430003)  /* message over NUV_COMM_MAX_MSG */
+#define NUV_COMM_E_NOINIT ((int)0x4E430004)  /* nuv_comm_init has not been called */
+#define NUV_COMM_E_INVAL ((int)0x4E430005)   /* bad topic name or NULL argument */
+#define NUV_COMM_E_BUSY ((int)0x4E430006)    /* the topic is served by a live owner */
+#define NUV_COMM_E_CONN ((int)0x4E430007)    /* server refused or dropped us, or spoke badly */
+#define NUV_COMM_E_SYSTEM ((int)0x4E430008)  /* a system call failed; errno tells which */
+
+#define NUV_COMM_TOPIC_MAX 100
+
+/* A message: a byte buffer owned by the bus. */
+typedef struct comm_data comm_data;
+
+/* Handles one request. `request` holds the posted bytes and stays valid only during the call;
+ * `reply` is an empty message (reserved for reply bytes; handlers leave it alone). The result
+ * goes back to the poster as it is. Handlers of one topic run concurrently on the bus's
+ * threads, or on the poster's own thread when the poster is in this process. */
+typedef int (*nuv_comm_handler)(comm_data *request, comm_data *reply, void *user_data);
+
+/* Counts a user of the bus; the first call reads the knobs above. Returns 0. Thread-safe. */
+NUV_API int nuv_comm_init(void);
+
+/* Drops one user. The last one unregisters every topic still registered (waiting for their
+ * handlers) and closes pooled connections. Returns 0, or NUV_COMM_E_NOINIT when the count is
+ * already 0. Thread-safe. */
+NUV_API int nuv_comm_uninit(void);
+
+/* Serves `topic` with `handler(request, reply, user_data)`: binds its socket and starts a
+ * listener thread; each connection gets a thread of its own. A socket file left by a dead
+ * process is replaced. Returns 0; NUV_COMM_E_INVAL (bad name, NULL handler); NUV_COMM_E_BUSY
+ * (registered here already, served by a live process, or a non-socket file in the way);
+ * NUV_COMM_E_NOINIT; NUV_COMM_E_SYSTEM (errno set). Thread-safe. */
+NUV_API int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_data);
+
+/* Stops serving `topic`: closes the listener and every connection, removes the socket file
+ * and waits for handlers in flight (except those of the calling thread, when a handler
+ * unregisters its own topic). Returns 0; NUV_COMM_E_NOTOPIC when it is not registered here;
+ * NUV_COMM_E_INVAL; NUV_COMM_E_NOINIT. Thread-safe. */
+NUV_API int nuv_comm_unregister(const char *topic);
+
+/* Delivers `data` to the handler of `topic` and returns the handler's result. A topic
+ * registered in this process is handled directly on the calling thread. Otherwise the message
+ * goes over a pooled connection (a new one when none is idle), reconnecting once if the server
+ * went away. `data` stays the caller's. Returns the handler's result, or NUV_COMM_E_NOTOPIC,
+ * NUV_COMM_E_TIMEOUT, NUV_COMM_E_TOOBIG, NUV_COMM_E_NOINIT, NUV_COMM_E_INVAL, NUV_COMM_E_CONN,
+ * NUV_COMM_E_SYSTEM. Not a cancellation point. Thread-safe. */
+NUV_API int nuv_comm_post(const char *topic, comm_data *data);
+
+/* A new message holding a copy of `length` bytes at `bytes` (`bytes` may be NULL when length
+ * is 0). Returns NULL when out of memory or for NULL bytes with a non-zero length. Release it
+ * with nuv_comm_delete_data. */
+NUV_API comm_data *nuv_comm_new_data(const void *bytes, unsigned int length);
+
+/* Releases a message made by nuv_comm_new_data; NULL is ignored. Never call it on the
+ * messages a handler receives. */
+NUV_API void nuv_comm_delete_data(comm_data *data);
+
+/* The bytes of a message: *pointer (owned by the bus, valid as long as the message, followed
+ * by a NUL byte not counted in *length) and *length. Returns 0, or NUV_COMM_E_INVAL when an
+ * argument is NULL. */
+NUV_API int nuv_comm_get_data(comm_data *data, void **pointer, unsigned int *length);
+
+/* Sets this process's time-out of remote posts in milliseconds, overriding
+ * NUV_COMM_TIMEOUT_MS; 0 restores the configured value. Takes effect on the next post.
+ * Thread-safe. */
+NUV_API void nuv_comm_set_timeout_ms(unsigned int ms);
+
+NUV_END_DECLS
+
+#endif
