@@ -1,0 +1,262 @@
+// nuvctl store run as an operator runs it, against a store written byte by byte from its
+// formats: index lines "%010d %010d\n", records back to back, BASE/DAY/NAME/{index-,}NAME-PID-TYPE.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "testutil/testutil.h"
+
+namespace {
+
+using Rows = std::vector<std::vector<std::string>>;
+
+std::string BuildDir() {
+  char exe[4096];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  exe[n > 0 ? n : 0] = '\0';
+  std::string dir(exe);
+  dir = dir.substr(0, dir.rfind('/'));  // <build>/tests
+  return dir.substr(0, dir.rfind('/'));
+}
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+struct Result {
+  int code = -1;
+  std::string out;
+  std::string err;
+};
+
+// Whitespace-separated fields of every stdout line after the header.
+Rows Table(const std::string& text) {
+  Rows rows;
+  std::istringstream lines(text);
+  std::string line;
+  std::getline(lines, line);
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    rows.emplace_back();
+    for (std::string field; fields >> field;) rows.back().push_back(field);
+  }
+  return rows;
+}
+
+class NuvctlStore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // The tool's "today" is 10 March 2024, noon.
+    std::tm noon{};
+    noon.tm_year = 124;
+    noon.tm_mon = 2;
+    noon.tm_mday = 10;
+    noon.tm_hour = 12;
+    noon.tm_isdst = -1;
+    offset_ = std::to_string(static_cast<long long>(std::mktime(&noon) - std::time(nullptr)));
+
+    ASSERT_TRUE(nuvtest::WriteFile(config_, R"({"default": {"cache": {"size": 100},
+        "collect_sdk": {"frequency": 5, "monitor_type": 31, "hit_rate": 80},
+        "perf_monitor": [],
+        "file": {"cahce": 1024, "path": ")" + store_ + R"("},
+        "clearn": {"day": 7, "file_size": 10}},
+      "addition": {"extra": {"file": {"path": ")" + extra_ + R"(", "cache": 1},
+                             "clearn": {"day": 7, "file_size": 1}, "bp_type": 16384}}})"));
+    WriteStream(store_, "20240310", "app", 7, 512, {"alpha", R"({"k": 1})", "gamma"});
+    WriteStream(store_, "20240309", "app", 7, 512, {"yesterday"});
+    WriteStream(store_, "20240309", "web", 8, 256, {"w1", "w2"});
+    WriteStream(store_, "20240301", "old", 1, 512, {"old"});
+    WriteStream(extra_, "20240310", "bp", 0, 16384, {"bp"});
+  }
+
+  static std::string Pair(const std::string& base, const std::string& day, const std::string& name,
+                          unsigned int pid, unsigned int type, bool index) {
+    return base + "/" + day + "/" + name + "/" + (index ? "index-" : "") + name + "-" +
+           std::to_string(pid) + "-" + std::to_string(type);
+  }
+
+  static void WriteStream(const std::string& base, const std::string& day, const std::string& name,
+                          unsigned int pid, unsigned int type,
+                          const std::vector<std::string>& records) {
+    std::string dir;
+    for (const std::string& part : {base, "/" + day, "/" + name}) {
+      dir += part;
+      ::mkdir(dir.c_str(), 0755);
+    }
+    std::string index;
+    std::string content;
+    for (const std::string& record : records) {
+      char line[32];
+      std::snprintf(line, sizeof line, "%010d %010d\n", static_cast<int>(content.size()),
+                    static_cast<int>(record.size()));
+      index += line;
+      content += record;
+    }
+    ASSERT_TRUE(nuvtest::WriteFile(Pair(base, day, name, pid, type, true), index));
+    ASSERT_TRUE(nuvtest::WriteFile(Pair(base, day, name, pid, type, false), content));
+  }
+
+  // Runs nuvctl with `args`, the environment holding only PATH (for tar) and the clock offset.
+  Result Run(std::vector<std::string> args) {
+    std::string exe = BuildDir() + "/bin/nuvctl";
+    std::vector<char*> argv{exe.data()};
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    const char* path = std::getenv("PATH");
+    std::string pathEnv = std::string("PATH=") + (path ? path : "/usr/bin:/bin");
+    std::string offsetEnv = "NUV_TIME_OFFSET=" + offset_;
+    std::vector<char*> envp{pathEnv.data(), offsetEnv.data(), nullptr};
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, root_.Sub("out").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&fa, 2, root_.Sub("err").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    Result result;
+    const int spawned = posix_spawn(&pid, exe.c_str(), &fa, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&fa);
+    EXPECT_EQ(spawned, 0) << exe;
+    int status = 0;
+    if (spawned == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+      result.code = WEXITSTATUS(status);
+    }
+    result.out = nuvtest::ReadFile(root_.Sub("out"));
+    result.err = nuvtest::ReadFile(root_.Sub("err"));
+    return result;
+  }
+
+  Result Store(std::vector<std::string> args) {
+    args.insert(args.begin(), {"store", "--config", config_});
+    return Run(args);
+  }
+
+  nuvtest::TempDir root_;
+  const std::string store_ = root_.Sub("store");
+  const std::string extra_ = root_.Sub("extra");
+  const std::string config_ = root_.Sub("maintenance.json");
+  std::string offset_;
+};
+
+TEST_F(NuvctlStore, LsListsStreamsOfEveryDirectoryWithCounts) {
+  const std::vector<std::string> old = {"20240301", "old", "1", "512", "1", "3"};
+  const std::vector<std::string> yApp = {"20240309", "app", "7", "512", "1", "9"};
+  const std::vector<std::string> yWeb = {"20240309", "web", "8", "256", "2", "4"};
+  const std::vector<std::string> tApp = {"20240310", "app", "7", "512", "3", "18"};
+  const std::vector<std::string> tBp = {"20240310", "bp", "0", "16384", "1", "2"};
+  const struct {
+    std::vector<std::string> args;
+    Rows rows;
+  } cases[] = {
+      {{"ls"}, {old, yApp, yWeb, tApp, tBp}},
+      {{"ls", "--type", "256"}, {yWeb}},
+      {{"ls", "--type=16384"}, {tBp}},
+      {{"ls", "--day", "20240310"}, {tApp, tBp}},
+  };
+  for (const auto& c : cases) {
+    const Result result = Store(c.args);
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(Table(result.out), c.rows) << c.args.back();
+  }
+}
+
+TEST_F(NuvctlStore, CatPrintsRecordsOnePerLine) {
+  const struct {
+    std::vector<std::string> args;
+    std::string out;
+  } cases[] = {
+      {{"cat", "app", "7", "512"}, "alpha\n{\"k\": 1}\ngamma\n"},
+      {{"cat", "app", "7", "512", "--from", "2", "--count", "1"}, "{\"k\": 1}\n"},
+      {{"cat", "app", "7", "512", "--from", "2", "--count", "99"}, "{\"k\": 1}\ngamma\n"},
+      {{"cat", "web", "8", "256", "--day", "20240309"}, "w1\nw2\n"},
+      {{"cat", "bp", "0", "16384"}, "bp\n"},
+  };
+  for (const auto& c : cases) {
+    const Result result = Store(c.args);
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, c.out);
+  }
+
+  Result missing = Store({"cat", "gone", "1", "512"});
+  EXPECT_EQ(missing.code, 1);
+  EXPECT_NE(missing.err.find("no stream gone-1-512 on 20240310"), std::string::npos)
+      << missing.err;
+  EXPECT_FALSE(Exists(store_ + "/20240310/gone"));  // reading creates nothing
+  EXPECT_EQ(Store({"cat", "app", "7", "512", "--from", "4"}).code, 1);
+}
+
+TEST_F(NuvctlStore, UsageErrorsAndHelp) {
+  const struct {
+    std::vector<std::string> args;
+    int code;
+    std::string text;  // expected in stdout for 0, in stderr otherwise
+  } cases[] = {
+      {{}, 2, "usage: nuvctl"},
+      {{"frob"}, 2, "unknown command 'frob'"},
+      {{"--help"}, 0, "store "},
+      {{"help", "store"}, 0, "cat NAME PID TYPE"},
+      {{"store"}, 2, "an action is needed"},
+      {{"store", "ls", "--from", "2"}, 2, "--from does not apply to 'ls'"},
+      {{"store", "ls", "--day", "20241301"}, 2, "--day takes a date"},
+      {{"store", "--config", "/nonexistent/m.json", "ls"}, 1, "cannot load the configuration"},
+  };
+  for (const auto& c : cases) {
+    const Result result = Run(c.args);
+    EXPECT_EQ(result.code, c.code) << result.err;
+    const std::string& text = c.code == 0 ? result.out : result.err;
+    EXPECT_NE(text.find(c.text), std::string::npos) << text;
+  }
+}
+
+TEST_F(NuvctlStore, VerifyListsEveryBrokenPair) {
+  Result whole = Store({"verify"});
+  EXPECT_EQ(whole.code, 0) << whole.out;
+  EXPECT_EQ(whole.out, "5 pairs whole\n");
+
+  const std::string partial = Pair(store_, "20240310", "app", 7, 512, true);
+  const std::string pastEnd = Pair(store_, "20240309", "web", 8, 256, true);
+  const std::string orphan = Pair(store_, "20240301", "old", 1, 512, true);
+  ASSERT_TRUE(nuvtest::WriteFile(partial, nuvtest::ReadFile(partial) + "0000000018 00"));
+  ASSERT_TRUE(nuvtest::WriteFile(pastEnd, "0000000000 0000000002\n0000000002 0000000003\n"));
+  ASSERT_EQ(::unlink(Pair(store_, "20240301", "old", 1, 512, false).c_str()), 0);
+
+  const Result broken = Store({"verify"});
+  EXPECT_EQ(broken.code, 1);
+  EXPECT_EQ(broken.out,
+            "bad pair: " + orphan + ": content file missing\n" +
+            "bad pair: " + pastEnd +
+            ": line 2 (offset 2, length 3) ends past the content's 4 bytes\n" +
+            "bad pair: " + partial + ": index ends in a partial line of 13 bytes after line 3\n" +
+            "3 of 5 pairs bad\n");
+}
+
+TEST_F(NuvctlStore, CleanPacksYesterdayAndRemovesExpiredDays) {
+  const Result result = Store({"clean"});
+  EXPECT_EQ(result.code, 0) << result.err;
+  EXPECT_NE(result.err.find("[CClearn]:: dir compress success. dir = " + store_ + "/20240309"),
+            std::string::npos)
+      << result.err;
+
+  EXPECT_FALSE(Exists(store_ + "/20240301"));
+  EXPECT_FALSE(Exists(store_ + "/20240309"));
+  EXPECT_TRUE(Exists(Pair(store_, "20240310", "app", 7, 512, false)));
+  EXPECT_TRUE(Exists(Pair(extra_, "20240310", "bp", 0, 16384, false)));
+  const std::string list = "tar -tzf '" + store_ + "/20240309.tgz' | grep -qx ./web/web-8-256";
+  EXPECT_EQ(std::system(list.c_str()), 0);
+  EXPECT_FALSE(Exists(store_ + "/20240301.tgz"));  // expired days are not packed
+  const Result after = Store({"ls"});
+  EXPECT_EQ(Table(after.out).size(), 2u) << after.out;
+}
+
+}  // namespace

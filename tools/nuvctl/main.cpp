@@ -1,0 +1,99 @@
+// nuvctl: the operator's command line. Each subcommand lives in its own file; adding one is
+// that file plus its row (and declaration) below.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "command.h"
+#include "nuv_log.h"
+#include "nuv_path.h"
+#include "result_word.h"
+
+namespace nuvctl {
+
+int StoreMain(int argc, char** argv);  // store_cmd.cpp
+
+namespace {
+
+const Command kCommands[] = {
+    {"store", "list, read, check and clean the on-disk store", StoreMain},
+};
+
+void PrintUsage(FILE* out) {
+  std::fputs(
+      "usage: nuvctl COMMAND [ARGS...]\n"
+      "       nuvctl help COMMAND | COMMAND --help\n"
+      "\n"
+      "commands:\n",
+      out);
+  for (const Command& command : kCommands) {
+    std::fprintf(out, "  %-10s %s\n", command.name, command.summary);
+  }
+  std::fputs(
+      "\n"
+      "The library's own log lines go to stderr (errors and warnings unless NUV_LOG_LEVEL\n"
+      "says otherwise; NUV_LOG_FILE sends them to a file).\n"
+      "exit codes: 0 success, 1 failure or problems found, 2 usage error\n",
+      out);
+}
+
+const Command* Find(const char* name) {
+  for (const Command& command : kCommands) {
+    if (std::strcmp(command.name, name) == 0) return &command;
+  }
+  return nullptr;
+}
+
+int UnknownCommand(const char* name) {
+  std::fprintf(stderr, "nuvctl: unknown command '%s'\n\n", name);
+  PrintUsage(stderr);
+  return kExitUsage;
+}
+
+}  // namespace
+
+std::string ExePath() {
+  char exe[4096];
+  return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuvctl";
+}
+
+std::string DefaultConfigPath() { return nuvtools::ConfigPathFor(ExePath()); }
+
+}  // namespace nuvctl
+
+int main(int argc, char** argv) {
+  using namespace nuvctl;
+  // A command line tool speaks through its own output; the library's INFO chatter stays out
+  // unless the operator asks for it.
+  if (std::getenv("NUV_LOG_LEVEL") == nullptr) {
+    nuv_log_set_level(NUV_LOG_WARN);
+  }
+  if (argc < 2) {
+    PrintUsage(stderr);
+    return kExitUsage;
+  }
+  const std::string first = argv[1];
+  if (first == "--help" || first == "-h") {
+    PrintUsage(stdout);
+    return kExitOk;
+  }
+  if (first == "--version") {
+    std::printf("nuvctl %s\n", NUV_VERSION);
+    return kExitOk;
+  }
+  if (first == "help") {
+    if (argc < 3) {
+      PrintUsage(stdout);
+      return kExitOk;
+    }
+    const Command* command = Find(argv[2]);
+    if (command == nullptr) return UnknownCommand(argv[2]);
+    char help[] = "--help";
+    char* helpArgv[] = {argv[2], help, nullptr};
+    return command->run(2, helpArgv);
+  }
+  const Command* command = Find(argv[1]);
+  if (command == nullptr) return UnknownCommand(argv[1]);
+  return command->run(argc - 1, argv + 1);
+}
