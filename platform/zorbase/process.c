@@ -59,12 +59,14 @@ int nuv_process_create(const char *command, nuv_process_t **process) {
   return 1;
 }
 
-/* Reaps the child if it has ended: 1 ended, 0 still running, -1 error (e.g. reaped elsewhere). */
+/* Reaps the child if it has ended: 1 ended, 0 still running, -1 error. ECHILD means the
+ * child is gone already: a host that ignores SIGCHLD has the kernel reap it. */
 static int try_reap(pid_t pid) {
   for (;;) {
     pid_t r = waitpid(pid, NULL, WNOHANG);
     if (r == pid) return 1;
     if (r == 0) return 0;
+    if (errno == ECHILD) return 1;
     if (errno != EINTR) return -1;
   }
 }

@@ -73,6 +73,18 @@ TEST(Process, ExitStatusIsNotAFailureAndBadInputIs) {
   EXPECT_EQ(nuv_process_wait(nullptr, 10, 0), 0);
 }
 
+TEST(Process, AHostIgnoringSigchldStillSeesItsChildEnd) {
+  struct sigaction ignore = {}, old = {};
+  ignore.sa_handler = SIG_IGN;
+  ASSERT_EQ(sigaction(SIGCHLD, &ignore, &old), 0);
+  nuv_process_t* p = nullptr;
+  ASSERT_EQ(nuv_process_create("sleep 0.05", &p), 1);
+  EXPECT_EQ(nuv_process_wait(p, 5000, 0), 1);
+  ASSERT_EQ(nuv_process_create("sleep 300", &p), 1);
+  EXPECT_EQ(nuv_process_wait(p, 100, 0), 0);  // a time-out is still a time-out
+  sigaction(SIGCHLD, &old, nullptr);
+}
+
 struct WaitArgs {
   std::atomic<int> pid{0};
   std::atomic<int> destructed{0};
