@@ -1,0 +1,183 @@
+#include "worker/workermanager.h"
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/jsonutil.h"
+#include "common/utils.h"
+#include "config/config_collect.h"
+#include "nuv_comm.h"
+#include "testutil/testutil.h"
+#include "worker/worker_test_support.h"
+
+namespace {
+
+using Ids = std::vector<std::string>;
+const char kTopic[] = "workermanager:posts";
+
+// The bus, with kTopic collecting the monitor ids of the records posted to it.
+class BusEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    setenv("NUV_COMM_DIR", dir_.Sub("comm").c_str(), 1);
+    ASSERT_EQ(nuv_comm_init(), 0);
+    ASSERT_EQ(nuv_comm_register(kTopic, Receive, nullptr), 0);
+  }
+  void TearDown() override { nuv_comm_uninit(); }
+  static Ids Take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(ids_, {});
+  }
+
+ private:
+  static int Receive(comm_data* request, comm_data*, void*) {
+    void* bytes = nullptr;
+    unsigned int length = 0;
+    if (nuv_comm_get_data(request, &bytes, &length) != 0) return -1;
+    json_t* root = json_loadb(static_cast<const char*>(bytes), length, 0, nullptr);
+    std::lock_guard<std::mutex> lock(mutex_);
+    const char* id = json_string_value(json_object_get(root, "id"));
+    ids_.push_back(id != nullptr ? id : "<bad record>");
+    json_decref(root);
+    return 0;
+  }
+
+  nuvtest::TempDir dir_;
+  static inline std::mutex mutex_;
+  static inline Ids ids_;
+};
+const ::testing::Environment* const kBus =
+    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+
+// One slot and an "A" condition: every sample a worker executes on is posted.
+CMonitorData Monitor(const std::string& id, const std::string& image, int pid,
+                     const std::string& dependent = "") {
+  JsonUtil doc;
+  EXPECT_EQ(doc.JsonLoadString(R"({"default": {"collect_sdk": {"frequency": 5, )"
+                               R"("monitor_type": 31, "hit_rate": 50}}})"),
+            0);
+  EXPECT_TRUE(CCollectSdkCfg::GetInstance()->Parse(doc));
+  CMonitorData m;
+  m.id = id, m.subscriber = "sub", m.focus = image + ":" + std::to_string(pid);
+  m.handler = kTopic, m.condition = "A/5", m.dependent_id = dependent;
+  m.image = image, m.pid = pid, m.pid_text = std::to_string(pid);
+  return m;
+}
+
+CError Add(CWorkerManager& manager, const CMonitorData& monitor) {
+  auto* worker = new CWorker;
+  const CError created = manager.CreateWorker(monitor, worker);
+  if (!created.IsSuccess()) {
+    delete worker;
+    return created;
+  }
+  return manager.InsertWorker(worker);
+}
+
+ProcessInfo Process(const std::string& path, uint32_t pid) {
+  ProcessInfo p;
+  p.pid = pid, p.image = "demo.bin", p.path = path;
+  return p;
+}
+
+TEST(CWorkerManager, RefusedParameters) {
+  CWorkerManager manager;
+  CMonitorData bad = Monitor("a", "system", 0);
+  bad.condition = "C>80";
+  CWorker worker;
+  std::vector<CError> errors;
+  const std::vector<std::string> lines = workertest::CaptureMessages([&] {
+    errors = {manager.CreateWorker(Monitor("a", "system", 0), nullptr),
+              manager.InsertWorker(nullptr), manager.CreateWorker(bad, &worker),
+              Add(manager, Monitor("o", "system", 0, "missing"))};
+  });
+  const std::vector<std::pair<int, std::string>> expected = {
+      {102, "parameter check error"}, {102, "parameter check error"},
+      {106, "express failed, express = C>80"}, {109, "generate worker or insert worker failed"}};
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(std::pair(errors.at(i).code, errors.at(i).desc), expected[i]);
+  }
+  EXPECT_EQ(worker.GetKey() + worker.GetWorkerID(), "");
+  for (const char* line :
+       {"[WARN] [CWorkerManager]::CreateWorker param error.",
+        "[WARN] [CWorkerManager]::InsertWorker param error.",
+        "[ERROR] [CWorkerManager]::CreateWorker failed. code = 106, desc = express failed, "
+        "express = C>80.",
+        "[ERROR] [CWorkerManager]::InsertWorker failed. code = 109, desc = generate worker or "
+        "insert worker failed."}) {
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+  }
+  EXPECT_FALSE(manager.FindWorker(CreateKey("system", 0), "o"));
+}
+
+TEST(CWorkerManager, InsertFindDispatchDelete) {
+  const std::string sys = CreateKey("system", 0), demo = CreateKey("/opt/demo.bin", 4242);
+  const std::string y = CreateKey("/opt/y.bin", 1), z = CreateKey("/opt/z.bin", 2);
+  CWorkerManager manager;
+  // Two roots carry "x"; "n" is nested in a worker of its own id.
+  for (const CMonitorData& m :
+       {Monitor("a", "system", 0), Monitor("b", "system", 0), Monitor("c", "/opt/demo.bin", 4242),
+        Monitor("p", "processpoint", 3), Monitor("d", "system", 0, "a"),
+        Monitor("x", "/opt/y.bin", 1), Monitor("x", "/opt/y.bin", 1),
+        Monitor("f", "/opt/y.bin", 1, "x"), Monitor("n", "/opt/z.bin", 2),
+        Monitor("n", "/opt/z.bin", 2, "n"), Monitor("g", "/opt/z.bin", 2, "n")}) {
+    ASSERT_EQ(Add(manager, m).code, 0) << m.id;
+  }
+  const struct {
+    const std::string& key;
+    const char* id;
+    bool found;
+  } finds[] = {{sys, "a", true},   {sys, "d", true},   {demo, "c", true},
+               {CreateKey("processpoint", 3), "p", true}, {y, "f", true}, {z, "g", true},
+               {sys, "c", false},  {demo, "a", false}, {CreateKey("System", 0), "a", false}};
+  for (const auto& f : finds) EXPECT_EQ(manager.FindWorker(f.key, f.id), f.found) << f.id;
+  for (const char* id : {"f", "g"}) {
+    std::vector<CWorker*> copies;
+    manager.FindWokerByIDNolock(id, copies);
+    EXPECT_EQ(copies.size(), 2u) << id;  // one under each worker with the parent's id
+  }
+
+  // Roots in list order, each followed by its descendants; a dependent worker executes from
+  // its parent, on the window its own earlier samples filled.
+  const ProcessInfo demoSample = Process("/opt/demo.bin", 4242);
+  manager.Dispatch(SystemInfo());
+  EXPECT_EQ(BusEnvironment::Take(), (Ids{"a", "b"}));
+  manager.Dispatch(SystemInfo());
+  EXPECT_EQ(BusEnvironment::Take(), (Ids{"a", "d", "b"}));
+  manager.Dispatch(demoSample);
+  manager.Dispatch(Process("/opt/demo.bin", 4243));
+  manager.Dispatch(Process("/opt/other.bin", 4242));
+  manager.Dispatch(std::vector<ProcessInfo>{demoSample, demoSample});
+  EXPECT_EQ(BusEnvironment::Take(), (Ids{"c", "p"}));
+  manager.Dispatch(Process("/opt/y.bin", 1));
+  manager.Dispatch(Process("/opt/y.bin", 1));
+  EXPECT_EQ(BusEnvironment::Take(), (Ids{"x", "x", "x", "f", "x", "f"}));
+
+  EXPECT_EQ(manager.DeleteWorkerByID("missing").code, 0);
+  EXPECT_EQ(manager.DeleteWorkerByID("d").code, 0);
+  EXPECT_EQ(manager.DeleteWorkerByID("f").code, 0);
+  EXPECT_FALSE(manager.FindWorker(sys, "d") || manager.FindWorker(y, "f"));
+  EXPECT_TRUE(manager.FindWorker(sys, "a") && manager.FindWorker(y, "x"));
+  EXPECT_EQ(manager.DeleteWorkerByKey(z).code, 0);  // "n" with all below it
+  EXPECT_EQ(manager.DeleteWorkerByKey(sys).code, 0);
+  EXPECT_FALSE(manager.FindWorker(sys, "a") || manager.FindWorker(sys, "b"));
+  EXPECT_FALSE(manager.FindWorker(z, "n") || manager.FindWorker(z, "g"));
+  manager.Dispatch(SystemInfo());
+  manager.Dispatch(demoSample);
+  EXPECT_EQ(BusEnvironment::Take(), (Ids{"c"}));
+
+  manager.DestroyWorker();
+  for (const auto& f : finds) EXPECT_FALSE(manager.FindWorker(f.key, f.id)) << f.id;
+  manager.Dispatch(demoSample);
+  manager.Dispatch(std::vector<ProcessInfo>{demoSample});
+  EXPECT_EQ(BusEnvironment::Take(), Ids{});
+}
+
+}  // namespace
