@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -106,7 +107,9 @@ TEST_F(Daemon, RunsWithTheDefaultConfigurationUntilSigterm) {
   ASSERT_GE(m.size(), 3u);
   EXPECT_EQ(m.front(), "[ConfigMgr]::LoadConfig start.");
   // "../data" in the configuration is resolved against the daemon's own directory.
-  EXPECT_EQ(m.back(), "[nuv_maintain] maintain log file path is: [" + tree_.Sub("data") + "]");
+  EXPECT_NE(std::find(m.begin(), m.end(),
+                      "[nuv_maintain] maintain log file path is: [" + tree_.Sub("data") + "]"),
+            m.end());
 }
 
 TEST_F(Daemon, ExplainsAMissingConfigurationAndExitsOne) {

@@ -1,7 +1,9 @@
 // The library's four exported entry points and its process-wide started flag.
 #include <string>
 
+#include "buryingpoint/bpmgr.h"
 #include "common/log.h"
+#include "common/singleton.h"
 #include "config/config_file.h"
 #include "config/config_mgr.h"
 #include "nuv_atomic.h"
@@ -32,12 +34,17 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_start_perf_manage
   }
   ZLOG_DEBUG("[nuv_maintain] maintain log file path is: [%s]",
              CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath().c_str());
+  // Burying points are an extra: the library runs without them.
+  if (CSingleton<CBpMgr>::GetInstance().Start().code != 0) {
+    ZLOG_WARN("[nuv_maintenance]::buryingpoint start failed.");
+  }
   nuv_atomic32_set(&g_started, 1);
   return NUV_MAINT_OK;
 }
 
 extern "C" __attribute__((visibility("default"))) void nuv_stop_perf_manager(void) {
   if (nuv_atomic32_get(&g_started) == 0) return;
+  CSingleton<CBpMgr>::GetInstance().Stop();
   nuv_atomic32_set(&g_started, 0);
   nuv_log_stop();
 }

@@ -1,10 +1,13 @@
 #include "testutil/testutil.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <ftw.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -81,6 +84,67 @@ std::vector<int> ChildPids(int ppid) {
   }
   ::closedir(d);
   return out;
+}
+
+std::string BuildDir() {
+  char exe[4096];
+  const ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+  exe[n > 0 ? n : 0] = '\0';
+  std::string dir(exe);
+  dir = dir.substr(0, dir.rfind('/'));  // <build>/tests
+  return dir.substr(0, dir.rfind('/'));
+}
+
+bool MakeInstallTree(const TempDir& root, const std::vector<std::string>& tools) {
+  const std::string build = BuildDir();
+  for (const char* dir : {"bin", "lib", "config"}) {
+    if (::mkdir(root.Sub(dir).c_str(), 0755) != 0) return false;
+  }
+  for (const std::string& tool : tools) {
+    const std::string copy = root.Sub("bin/" + tool);
+    const std::string bytes = ReadFile(build + "/bin/" + tool);
+    if (bytes.empty() || !WriteFile(copy, bytes) || ::chmod(copy.c_str(), 0755) != 0) {
+      return false;
+    }
+  }
+  DIR* libs = ::opendir((build + "/lib").c_str());
+  if (libs == nullptr) return false;
+  bool ok = true;
+  while (struct dirent* entry = ::readdir(libs)) {
+    const std::string name = entry->d_name;
+    if (name.find(".so") == std::string::npos) continue;
+    ok = ok && ::symlink((build + "/lib/" + name).c_str(), root.Sub("lib/" + name).c_str()) == 0;
+  }
+  ::closedir(libs);
+  return ok;
+}
+
+int Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+          const std::string& in, const std::string& out, const std::string& err) {
+  std::vector<std::string> args(argv);
+  std::vector<std::string> vars(env);
+  std::vector<char*> argp;
+  std::vector<char*> envp;
+  for (std::string& arg : args) argp.push_back(arg.data());
+  for (std::string& var : vars) envp.push_back(var.data());
+  argp.push_back(nullptr);
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, in.empty() ? "/dev/null" : in.c_str(), O_RDONLY,
+                                   0);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  const int spawned = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  return spawned == 0 ? pid : -1;
+}
+
+int WaitExit(int pid) {
+  int status = 0;
+  if (pid <= 0 || ::waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace nuvtest

@@ -34,6 +34,22 @@ bool ProcessExists(int pid);
 // Pids of the children of `ppid`, read from /proc/*/stat.
 std::vector<int> ChildPids(int ppid);
 
+// The build directory of a test that runs from <build>/tests.
+std::string BuildDir();
+
+// Lays `root` out as an installation made from the build tree: bin/ with a copy of each of
+// `tools` (a copy, so that each finds bin/../config and bin/../lib of `root`), lib/ linking
+// every shared library of the build, and an empty config/. False when something is missing.
+bool MakeInstallTree(const TempDir& root, const std::vector<std::string>& tools);
+
+// Starts `argv` with exactly the environment `env` ("NAME=value"), standard input from
+// `in` ("" for /dev/null) and standard output and error to the files `out` and `err`.
+// The pid, or -1.
+int Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+          const std::string& in, const std::string& out, const std::string& err);
+// Waits for `pid`: its exit status, or 128 + the signal that ended it; -1 when it cannot wait.
+int WaitExit(int pid);
+
 }  // namespace nuvtest
 
 #endif

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "nuv_comm.h"
 #include "nuv_maintenance.h"
 #include "nuv_path.h"
 
@@ -28,8 +29,33 @@ const char* ResultMeaning(uint32_t result) {
       return "burying point invalid";
     case NUV_MAINT_START_FAILED:
       return "start failed";
+    default: {
+      const char* bus = BusResultMeaning(result);
+      return bus != nullptr ? bus : "unknown result";
+    }
+  }
+}
+
+const char* BusResultMeaning(uint32_t result) {
+  switch (static_cast<int>(result)) {
+    case NUV_COMM_E_NOTOPIC:
+      return "nobody serves the topic";
+    case NUV_COMM_E_TIMEOUT:
+      return "no answer within the time-out";
+    case NUV_COMM_E_TOOBIG:
+      return "message too large for the bus";
+    case NUV_COMM_E_NOINIT:
+      return "bus not initialised";
+    case NUV_COMM_E_INVAL:
+      return "bad topic name or argument";
+    case NUV_COMM_E_BUSY:
+      return "topic already served";
+    case NUV_COMM_E_CONN:
+      return "bus connection refused or dropped";
+    case NUV_COMM_E_SYSTEM:
+      return "bus system call failed";
     default:
-      return "unknown result";
+      return nullptr;
   }
 }
 

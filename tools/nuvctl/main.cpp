@@ -13,11 +13,15 @@
 namespace nuvctl {
 
 int StoreMain(int argc, char** argv);  // store_cmd.cpp
+int PostMain(int argc, char** argv);   // post_cmd.cpp
+int BpMain(int argc, char** argv);     // bp_cmd.cpp
 
 namespace {
 
 const Command kCommands[] = {
     {"store", "list, read, check and clean the on-disk store", StoreMain},
+    {"post", "post a file's bytes to a bus topic and show the result word", PostMain},
+    {"bp", "build a valid burying point and post it to the daemon", BpMain},
 };
 
 void PrintUsage(FILE* out) {

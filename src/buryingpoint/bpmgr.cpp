@@ -1,0 +1,169 @@
+#include "buryingpoint/bpmgr.h"
+
+#include "common/log.h"
+#include "common/singleton.h"
+#include "file/filemanager.h"
+#include "nuv_path.h"
+#include "nuv_str.h"
+
+namespace {
+
+const char kBpTopic[] = "maintenance:POST";
+
+constexpr int kResultInvalidParameter = static_cast<int>(0x84CE0002u);
+constexpr int kResultBusData = static_cast<int>(0x84CE0003u);
+constexpr int kResultBpInvalid = static_cast<int>(0x84CE0004u);
+
+constexpr int kErrBpInvalid = 102;
+constexpr int kErrBpRegister = 301;
+constexpr int kErrBpClassify = 302;
+
+constexpr unsigned int kTimingType = 256;
+constexpr size_t kFocusPathSize = 1024;
+
+// Header strings that must be present; their values are not used.
+const char* const kHeaderStrings[] = {
+    "header/id",   "header/name",    "header/module",          "header/function",
+    "header/time", "header/product", "header/product_version", "header/agent_id",
+};
+
+const char* const kTimerMembers[] = {"body/time_start", "body/time_end", "body/time_diff"};
+
+}  // namespace
+
+CError CBpMgr::Start() {
+  int result = nuv_comm_init();
+  if (result == 0) {
+    result = nuv_comm_register(kBpTopic, &CBpMgr::BpRegisterCallBack, this);
+  }
+  if (result != 0) {
+    ZLOG_ERROR("[bpmgr]start buryingpoint mgr failed with error:%d", result);
+    return CError::CreateError(kErrBpRegister, "BP mgr comm register error with code:%d", result);
+  }
+  ZLOG_INFO("[bpmgr]start buryingpoint mgr success.");
+  return CError();
+}
+
+void CBpMgr::Stop() {
+  nuv_comm_unregister(kBpTopic);
+  nuv_comm_uninit();
+  ZLOG_INFO("[bpmgr]stop buryingpoint mgr.");
+}
+
+int CBpMgr::BpRegisterCallBack(comm_data* request, comm_data* /*reply*/, void* userData) {
+  if (userData == nullptr) {
+    ZLOG_ERROR("[bpmgr] callback userdata is null.");
+    return kResultInvalidParameter;
+  }
+  void* data = nullptr;
+  unsigned int length = 0;
+  if (nuv_comm_get_data(request, &data, &length) != 0) {
+    ZLOG_ERROR("[bpmgr] buryingpoint get comm data failed.");
+    return kResultBusData;
+  }
+  return static_cast<CBpMgr*>(userData)->CallBackImpl(data, length);
+}
+
+int CBpMgr::CallBackImpl(void* data, unsigned int length) {
+  CFileClassify classify;
+  CError result = CheckBpData(data, length, classify);
+  if (result.code != 0) {
+    ZLOG_ERROR("[bpmgr] check bp data failed with error:%d-%s", result.code, result.desc.c_str());
+    return kResultBpInvalid;
+  }
+  // The posted bytes are stored as they came, members unknown to the format included.
+  const std::string content(static_cast<const char*>(data), length);
+  result = CSingleton<CFileManager>::GetInstance().WriteFile(classify, content);
+  if (result.code != 0) {
+    ZLOG_ERROR("[bpmgr] write bp data failed with error:%d-%s", result.code, result.desc.c_str());
+    return result.code;
+  }
+  ZLOG_DEBUG("[bpmgr] write bp data success. type:%d, pid:%d, name:%s, content_path:%s",
+             static_cast<int>(classify.GetType()), static_cast<int>(classify.GetPid()),
+             classify.GetName().c_str(), classify.GetContentPath().c_str());
+  return 0;
+}
+
+CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& classify) {
+  JsonUtil json;
+  const std::string text(data == nullptr ? "" : static_cast<const char*>(data),
+                         data == nullptr ? 0 : length);
+  const int loaded = json.JsonLoadString(text);
+  if (loaded != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "json load failed with error:%d", loaded);
+  }
+  CError result = CheckBpHeader(json, classify);
+  if (result.code != 0) {
+    return result;
+  }
+  if (classify.GetType() == kTimingType) {
+    result = CheckBpTimer(json);
+  }
+  return result;
+}
+
+CError CBpMgr::CheckBpHeader(JsonUtil& json, CFileClassify& classify) {
+  int type = 0;
+  if (json.JsonGetInteger("header/type", &type, -1) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/type");
+  }
+  std::string version;
+  if (json.JsonGetString("header/version", version, -1) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/version");
+  }
+  if (version != "1.0") {
+    // The text names "header/type" for a refused version; operators search the log for it.
+    return CError::CreateError(kErrBpInvalid, "BP %s:%s is not support", "header/type",
+                               version.c_str());
+  }
+  std::string focus;
+  if (json.JsonGetString("header/focus", focus, -1) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/focus");
+  }
+  std::string name;
+  unsigned int pid = 0;
+  CError result = GetBpFocus(focus, name, &pid);
+  if (result.code != 0) {
+    return result;
+  }
+  std::string scratch;
+  for (const char* path : kHeaderStrings) {
+    if (json.JsonGetString(path, scratch, -1) != JsonUtil::kOk) {
+      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", path);
+    }
+  }
+  if (!classify.InitFileClassify(name, pid, static_cast<unsigned int>(type))) {
+    return CError::CreateError(kErrBpClassify, "init file classify failed.");
+  }
+  return CError();
+}
+
+CError CBpMgr::CheckBpTimer(JsonUtil& json) {
+  int value = 0;
+  for (const char* path : kTimerMembers) {
+    if (json.JsonGetInteger(path, &value, -1) != JsonUtil::kOk) {
+      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", path);
+    }
+  }
+  return CError();
+}
+
+CError CBpMgr::GetBpFocus(const std::string& focus, std::string& name, unsigned int* pid) {
+  const std::string::size_type colon = focus.rfind(':');
+  if (colon == std::string::npos) {
+    return CError::CreateError(kErrBpInvalid, "BP %s:%s format is invalid", "header/focus",
+                               focus.c_str());
+  }
+  // What follows the colon is not read: burying points are not bound to a process id.
+  *pid = 0;
+  // The copy is bounded by the buffer, so an over-long path is cut rather than overflowing.
+  char path[kFocusPathSize] = {0};
+  nuv_strncpy(path, sizeof path, focus.c_str(), colon);
+  const char* last = nuv_path_get_name_u(path);
+  if (last == nullptr) {
+    return CError::CreateError(kErrBpInvalid, "BP %s:%s processname is invalid", "header/focus",
+                               focus.c_str());
+  }
+  name = last;
+  return CError();
+}

@@ -1,0 +1,70 @@
+#include "handler/handler.h"
+
+#include <string>
+
+#include "common/log.h"
+#include "common/singleton.h"
+#include "file/fileclassify.h"
+#include "file/filemanager.h"
+#include "handler/logdata.h"
+
+namespace {
+
+const char kReceiverTopic[] = "maintenance:reciver";
+
+// Records from this sender are gathered into one stream whatever process they came from.
+const char kProcessPointId[] = "71b05a3c-6ad0-40b5-9389-917e83b7e14a";
+const char kProcessPointName[] = "processpoint";
+constexpr unsigned int kProcessPointPid = 3;
+
+constexpr int kResultInvalidParameter = static_cast<int>(0x84CE0002u);
+
+}  // namespace
+
+bool CPerformanceHandler::StartHandler() {
+  if (nuv_comm_init() == 0 &&
+      nuv_comm_register(kReceiverTopic, &CPerformanceHandler::MaintanceReceiver, nullptr) == 0) {
+    return true;
+  }
+  ZLOG_ERROR("[CPerformanceHandler]::StartHandler failed.");
+  return false;
+}
+
+bool CPerformanceHandler::StopHandler() {
+  const int unregistered = nuv_comm_unregister(kReceiverTopic);
+  const int left = nuv_comm_uninit();
+  if (unregistered == 0 && left == 0) {
+    return true;
+  }
+  ZLOG_ERROR("[CPerformanceHandler]::StopHandler failed.");
+  return false;
+}
+
+int CPerformanceHandler::MaintanceReceiver(comm_data* request, comm_data* /*reply*/,
+                                           void* /*userData*/) {
+  void* data = nullptr;
+  unsigned int length = 0;
+  if (nuv_comm_get_data(request, &data, &length) != 0) {
+    return kResultInvalidParameter;
+  }
+  const std::string text(static_cast<const char*>(data), length);
+  if (text.empty()) {
+    return kResultInvalidParameter;
+  }
+  CLogData record;
+  if (!record.StringToLogData(text)) {
+    // Whatever was read before the failure still classifies the record below.
+    ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver parse logdata failed. str = %s",
+               text.c_str());
+  }
+  if (record.GetID() == kProcessPointId) {
+    record.SetPid(kProcessPointPid);
+    record.SetName(kProcessPointName);
+  }
+  CFileClassify classify;
+  if (classify.InitFileClassify(record.GetName(), record.GetPid(), record.GetType())) {
+    // The sender cannot act on a failed write, so it is not reported back.
+    CSingleton<CFileManager>::GetInstance().WriteFile(classify, record.GetContext());
+  }
+  return 0;
+}
