@@ -1,12 +1,6 @@
 // The daemon run as an operator runs it, from a copy of the build tree laid out as installed.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -18,61 +12,24 @@
 
 namespace {
 
-std::string BuildDir() {
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  exe[n > 0 ? n : 0] = '\0';
-  std::string dir(exe);
-  dir = dir.substr(0, dir.rfind('/'));  // <build>/tests
-  return dir.substr(0, dir.rfind('/'));
-}
-
 class Daemon : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string build = BuildDir();
-    for (const char* d : {"bin", "lib", "config"}) mkdir(tree_.Sub(d).c_str(), 0755);
-    ASSERT_TRUE(nuvtest::WriteFile(tree_.Sub("bin/nuv_maintd"),
-                                   nuvtest::ReadFile(build + "/bin/nuv_maintd")));
-    chmod(tree_.Sub("bin/nuv_maintd").c_str(), 0755);
-    // Every library the build made, so a new platform library needs no change here.
-    DIR* libs = opendir((build + "/lib").c_str());
-    ASSERT_NE(libs, nullptr);
-    while (struct dirent* e = readdir(libs)) {
-      std::string name = e->d_name;
-      if (name.size() < 3 || name.compare(name.size() - 3, 3, ".so") != 0) continue;
-      ASSERT_EQ(symlink((build + "/lib/" + name).c_str(), tree_.Sub("lib/" + name).c_str()), 0);
-    }
-    closedir(libs);
-    config_ = nuvtest::ReadFile(build + "/config/maintenance.json");
+    ASSERT_TRUE(nuvtest::MakeInstallTree(tree_, {"nuv_maintd"}));
+    config_ = nuvtest::ReadFile(nuvtest::BuildDir() + "/config/maintenance.json");
     ASSERT_FALSE(config_.empty());
   }
 
-  // Starts the daemon with stderr to a file and the log to another.
-  pid_t Spawn(std::vector<std::string> args) {
-    std::string exe = tree_.Sub("bin/nuv_maintd");
-    std::vector<char*> argv{exe.data()};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::string log_env = "NUV_LOG_FILE=" + tree_.Sub("maint.log");
-    std::vector<char*> envp{log_env.data(), nullptr};
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 2, tree_.Sub("stderr").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&fa, 1, tree_.Sub("stdout").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    EXPECT_EQ(posix_spawn(&pid, exe.c_str(), &fa, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
+  // Starts the daemon with stdout and stderr to files, the log to another and a private bus.
+  int Spawn(std::vector<std::string> args) {
+    args.insert(args.begin(), tree_.Sub("bin/nuv_maintd"));
+    return nuvtest::Spawn(args,
+                          {"NUV_LOG_FILE=" + tree_.Sub("maint.log"),
+                           "NUV_COMM_DIR=" + tree_.Sub("bus")},
+                          "", tree_.Sub("stdout"), tree_.Sub("stderr"));
   }
 
-  int Wait(pid_t pid) {
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+  int Wait(int pid) { return nuvtest::WaitExit(pid); }
 
   bool WaitForStderr(const std::string& text) {
     for (int i = 0; i < 500; ++i) {

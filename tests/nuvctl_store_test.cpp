@@ -1,10 +1,7 @@
 // nuvctl store run as an operator runs it, against a store written byte by byte from its
 // formats: index lines "%010d %010d\n", records back to back, BASE/DAY/NAME/{index-,}NAME-PID-TYPE.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -19,15 +16,6 @@
 namespace {
 
 using Rows = std::vector<std::vector<std::string>>;
-
-std::string BuildDir() {
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  exe[n > 0 ? n : 0] = '\0';
-  std::string dir(exe);
-  dir = dir.substr(0, dir.rfind('/'));  // <build>/tests
-  return dir.substr(0, dir.rfind('/'));
-}
 
 bool Exists(const std::string& path) {
   struct stat st;
@@ -109,29 +97,13 @@ class NuvctlStore : public ::testing::Test {
 
   // Runs nuvctl with `args`, the environment holding only PATH (for tar) and the clock offset.
   Result Run(std::vector<std::string> args) {
-    std::string exe = BuildDir() + "/bin/nuvctl";
-    std::vector<char*> argv{exe.data()};
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    args.insert(args.begin(), nuvtest::BuildDir() + "/bin/nuvctl");
     const char* path = std::getenv("PATH");
-    std::string pathEnv = std::string("PATH=") + (path ? path : "/usr/bin:/bin");
-    std::string offsetEnv = "NUV_TIME_OFFSET=" + offset_;
-    std::vector<char*> envp{pathEnv.data(), offsetEnv.data(), nullptr};
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, root_.Sub("out").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, root_.Sub("err").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
     Result result;
-    const int spawned = posix_spawn(&pid, exe.c_str(), &fa, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&fa);
-    EXPECT_EQ(spawned, 0) << exe;
-    int status = 0;
-    if (spawned == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-      result.code = WEXITSTATUS(status);
-    }
+    result.code = nuvtest::WaitExit(nuvtest::Spawn(
+        args,
+        {std::string("PATH=") + (path ? path : "/usr/bin:/bin"), "NUV_TIME_OFFSET=" + offset_},
+        "", root_.Sub("out"), root_.Sub("err")));
     result.out = nuvtest::ReadFile(root_.Sub("out"));
     result.err = nuvtest::ReadFile(root_.Sub("err"));
     return result;
