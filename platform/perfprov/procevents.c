@@ -1,0 +1,240 @@
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "internal.h"
+#include "nuv_perfprov.h"
+
+/* One subscription's event source and what it remembers of every process. Owned by the event
+ * thread once it runs. */
+struct ev_state {
+  struct pp_run *run;
+  int source; /* NUV_PROC_EVENTS_NETLINK or _PROC; read atomically by nuv_proc_event_source */
+  int nl_fd;
+  struct pp_table table;
+  unsigned int generation;
+};
+
+static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards g_run and g_choice */
+static struct pp_run *g_run;
+static int g_choice = -1; /* -1: not chosen yet, the environment decides */
+
+static int chosen_source(void) {
+  if (g_choice < 0) {
+    const char *env = getenv("NUV_PROC_EVENTS");
+    if (env && strcmp(env, "proc") == 0)
+      g_choice = NUV_PROC_EVENTS_PROC;
+    else if (env && strcmp(env, "netlink") == 0)
+      g_choice = NUV_PROC_EVENTS_NETLINK;
+    else
+      g_choice = NUV_PROC_EVENTS_AUTO;
+  }
+  return g_choice;
+}
+
+static void deliver(struct ev_state *st, int event, pid_t pid, const char *name,
+                    const char *path) {
+  struct pp_sub subs[PP_MAX_SUBS];
+  int n = pp_run_subs(st->run, subs);
+  for (int i = 0; i < n; i++) {
+    if (pp_run_stopping(st->run)) return;
+    _process_mon_info info = {(uint32_t)pid, name, path};
+    ((nuv_proc_notifier)subs[i].fn)(event, &info, subs[i].context);
+  }
+}
+
+/* An entry whose identity was lost (it ended before we could read it) has no name and is
+ * not worth an exit of its own. */
+static void report_exit(struct ev_state *st, const struct pp_proc *p) {
+  if (p->name[0]) deliver(st, NUV_PROC_EVENT_EXIT, p->pid, p->name, p->path);
+}
+
+static void sweep_gone(struct pp_proc *p, void *arg) { report_exit(arg, p); }
+
+/* Compares /proc with what is remembered: new processes start, missing ones (and zombies)
+ * exit, a changed executable is an exit of the old image and a start of the new. With
+ * `events` 0 it only fills the table (a process found now counts as announced: a process
+ * query could have listed it). */
+static void scan(struct ev_state *st, int events) {
+  pid_t *pids;
+  size_t n;
+  if (pp_list_pids(&pids, &n) != 0) return;
+  unsigned int gen = ++st->generation;
+  char name[PP_NAME_MAX], path[PP_PATH_MAX];
+  for (size_t i = 0; i < n && !pp_run_stopping(st->run); i++) {
+    struct pp_stat ps;
+    if (pp_read_ident(pids[i], &ps, name, sizeof name, path, sizeof path) != 0) continue;
+    struct pp_proc *e = pp_table_find(&st->table, pids[i]);
+    int reused = e && e->start && e->start != ps.start;
+    int exec = e && !reused && path[0] && strcmp(e->path, path) != 0;
+    if (e && !reused && !exec) {
+      e->start = ps.start;
+      e->seen = gen;
+      continue;
+    }
+    if (events && e && (reused || e->announced)) report_exit(st, e);
+    e = pp_table_put(&st->table, pids[i], ps.start, name, path);
+    if (!e) continue; /* out of memory: it is seen again next time */
+    e->announced = 1;
+    e->seen = gen;
+    if (events) deliver(st, NUV_PROC_EVENT_START, e->pid, e->name, e->path);
+  }
+  free(pids);
+  if (!pp_run_stopping(st->run)) pp_table_sweep(&st->table, gen, events ? sweep_gone : NULL, st);
+}
+
+static void on_netlink(const struct pp_nl_event *ev, void *arg) {
+  struct ev_state *st = arg;
+  if (pp_run_stopping(st->run)) return;
+  char name[PP_NAME_MAX], path[PP_PATH_MAX];
+  struct pp_stat ps;
+  struct pp_proc *e;
+  switch (ev->kind) {
+    case PP_NL_FORK:
+      /* No start yet (a start is the running of a program), but the child is remembered so
+       * that its exit carries a name even if it never executes anything else. */
+      if (pp_table_find(&st->table, ev->pid)) break;
+      if (pp_read_ident(ev->pid, &ps, name, sizeof name, path, sizeof path) == 0) {
+        e = pp_table_put(&st->table, ev->pid, ps.start, name, path);
+      } else {
+        const struct pp_proc *parent = pp_table_find(&st->table, ev->parent);
+        e = parent ? pp_table_put(&st->table, ev->pid, 0, parent->name, parent->path) : NULL;
+      }
+      if (e) e->announced = 0;
+      break;
+    case PP_NL_EXEC:
+      e = pp_table_find(&st->table, ev->pid);
+      if (pp_read_ident(ev->pid, &ps, name, sizeof name, path, sizeof path) != 0) {
+        /* Gone before we could look: what we remember is the image it replaced. */
+        if (e) pp_table_put(&st->table, ev->pid, 0, "", "");
+        break;
+      }
+      if (e && e->announced && strcmp(e->path, path) != 0) report_exit(st, e);
+      e = pp_table_put(&st->table, ev->pid, ps.start, name, path);
+      if (!e) break;
+      e->announced = 1;
+      deliver(st, NUV_PROC_EVENT_START, e->pid, e->name, e->path);
+      break;
+    case PP_NL_EXIT:
+      e = pp_table_find(&st->table, ev->pid);
+      if (!e) break;
+      report_exit(st, e);
+      pp_table_remove(&st->table, ev->pid);
+      break;
+    case PP_NL_OVERFLOW:
+      /* Events were lost: /proc tells what changed meanwhile. */
+      scan(st, 1);
+      break;
+    case PP_NL_NONE:
+      break;
+  }
+}
+
+static void *ev_body(void *arg) {
+  struct pp_run *run = arg;
+  struct ev_state *st = run->state;
+  while (!pp_run_stopping(run)) {
+    if (st->nl_fd >= 0) {
+      if (pp_run_wait(run, 60000, st->nl_fd)) break;
+      if (pp_nl_drain(st->nl_fd, on_netlink, st) != 0) {
+        /* The socket failed for good: carry on from /proc. */
+        pp_nl_close(st->nl_fd);
+        st->nl_fd = -1;
+        __atomic_store_n(&st->source, NUV_PROC_EVENTS_PROC, __ATOMIC_RELEASE);
+        scan(st, 1);
+      }
+    } else {
+      if (pp_run_wait(run, 1000, -1)) break;
+      scan(st, 1);
+    }
+  }
+  pp_run_exit(run);
+  return NULL;
+}
+
+static void free_state(void *p) {
+  struct ev_state *st = p;
+  if (!st) return;
+  pp_nl_close(st->nl_fd);
+  pp_table_free(&st->table);
+  free(st);
+}
+
+/* With g_mu held. */
+static int start_run(void) {
+  struct pp_run *run = pp_run_new();
+  if (!run) return errno ? errno : ENOMEM;
+  struct ev_state *st = calloc(1, sizeof *st);
+  if (!st) {
+    pp_run_free(run);
+    return ENOMEM;
+  }
+  st->run = run;
+  st->nl_fd = -1;
+  run->state = st;
+  run->free_state = free_state;
+  int rc = pp_table_init(&st->table);
+  if (rc != 0) {
+    pp_run_free(run);
+    return rc;
+  }
+  int choice = chosen_source();
+  st->source = NUV_PROC_EVENTS_PROC;
+  if (choice != NUV_PROC_EVENTS_PROC) {
+    st->nl_fd = pp_nl_open();
+    if (st->nl_fd >= 0) {
+      st->source = NUV_PROC_EVENTS_NETLINK;
+    } else if (choice == NUV_PROC_EVENTS_NETLINK) {
+      rc = errno ? errno : EPERM;
+      pp_run_free(run);
+      return rc;
+    }
+  }
+  /* After the socket is listening, so that a process is either in the snapshot or announced
+   * by an event. */
+  scan(st, 0);
+  rc = pp_run_launch(run, ev_body);
+  if (rc != 0) {
+    pp_run_free(run);
+    return rc;
+  }
+  g_run = run;
+  return 0;
+}
+
+int nuv_proc_regsiter_notifier(nuv_proc_notifier callback, void *context) {
+  if (!callback) return EINVAL;
+  pthread_mutex_lock(&g_mu);
+  int rc = g_run ? 0 : start_run();
+  if (rc == 0) rc = pp_run_add(g_run, (void (*)(void))callback, context, 0);
+  pthread_mutex_unlock(&g_mu);
+  return rc;
+}
+
+int nuv_proc_unregsiter_notifier(void) {
+  pthread_mutex_lock(&g_mu);
+  struct pp_run *run = g_run;
+  g_run = NULL;
+  pthread_mutex_unlock(&g_mu);
+  /* Outside the lock: a callback in flight may itself subscribe or query. */
+  if (run) pp_run_finish(run);
+  return 0;
+}
+
+int nuv_proc_set_event_source(int source) {
+  if (source != NUV_PROC_EVENTS_AUTO && source != NUV_PROC_EVENTS_NETLINK &&
+      source != NUV_PROC_EVENTS_PROC)
+    return EINVAL;
+  pthread_mutex_lock(&g_mu);
+  g_choice = source;
+  pthread_mutex_unlock(&g_mu);
+  return 0;
+}
+
+int nuv_proc_event_source(void) {
+  pthread_mutex_lock(&g_mu);
+  int source = 0;
+  if (g_run) source = __atomic_load_n(&((struct ev_state *)g_run->state)->source, __ATOMIC_ACQUIRE);
+  pthread_mutex_unlock(&g_mu);
+  return source;
+}

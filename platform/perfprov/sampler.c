@@ -1,0 +1,453 @@
+#include <errno.h>
+#include <libproc2/meminfo.h>
+#include <libproc2/misc.h>
+#include <libproc2/pids.h>
+#include <libproc2/stat.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "internal.h"
+#include "nuv_perfprov.h"
+
+static int g_monitor_type = NUV_PERF_MONITOR_ALL;
+static int g_frequency = 5;
+
+/* The sampler thread lives from the first subscription to the end of the process (the library
+ * is never unloaded: it is linked nodelete) and rests while nobody subscribes: libproc2 keeps
+ * per-thread buffers that a thread's end would leak, so there is one sampling thread, not one
+ * per subscription. A subscription period is a session; a new session restarts the baseline. */
+static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards everything below */
+static pthread_cond_t g_wake;                            /* to the sampler: a new session */
+static pthread_cond_t g_idle;                            /* from the sampler: delivery ended */
+static pthread_once_t g_once = PTHREAD_ONCE_INIT;
+static pthread_t g_thread;
+static int g_thread_started;
+static unsigned int g_session;
+static struct pp_sub g_subs[PP_MAX_SUBS];
+static int g_nsubs;
+static struct sm_state *g_next_state; /* made by the subscribing call, taken by the sampler */
+static int g_delivering;
+
+int nuv_config_data_source(int monitor_type, int frequency) {
+  if (frequency <= 0 || monitor_type < 0) return EINVAL;
+  __atomic_store_n(&g_monitor_type, monitor_type, __ATOMIC_RELAXED);
+  __atomic_store_n(&g_frequency, frequency, __ATOMIC_RELAXED);
+  return 0;
+}
+
+/* Positions of the per-process items; an item that is not collected is PIDS_noop. */
+enum { I_PID, I_PPID, I_STATE, I_NLWP, I_UTIME, I_STIME, I_BEGAN, I_RES, I_VIRT, I_CMD,
+       I_RBYTES, I_WBYTES, I_CMDLINE, I_COUNT };
+
+/* What a process had at the last sample, for the rates of the next. */
+struct prev_proc {
+  pid_t pid;
+  int has_io;
+  unsigned long long start, ticks, rbytes, wbytes;
+};
+
+struct sm_state {
+  struct pids_info *pids;
+  enum pids_item items[I_COUNT];
+  struct stat_info *stat;
+  struct meminfo_info *mem;
+  long hz;
+  struct prev_proc *prev;
+  size_t nprev;
+  int have_prev;
+  uint64_t prev_boot_ms;
+  unsigned long long prev_busy, prev_total, prev_iowait;
+};
+
+/* Texts of one notification, addressed by offset until the buffer stops moving. */
+struct texts {
+  char *buf;
+  size_t used, cap;
+};
+
+#define NO_TEXT ((size_t)-1)
+
+static size_t add_text(struct texts *t, const char *s) {
+  size_t len = strlen(s) + 1;
+  if (t->cap - t->used < len) {
+    size_t cap = t->cap ? t->cap : 65536;
+    while (cap - t->used < len) cap *= 2;
+    char *bigger = realloc(t->buf, cap);
+    if (!bigger) return NO_TEXT;
+    t->buf = bigger;
+    t->cap = cap;
+  }
+  memcpy(t->buf + t->used, s, len);
+  t->used += len;
+  return t->used - len;
+}
+
+static void wanted_items(int monitor_type, enum pids_item *items) {
+  int procs = monitor_type & NUV_PERF_MONITOR_PROCESS;
+  items[I_PID] = PIDS_ID_PID;
+  items[I_STATE] = PIDS_STATE;
+  items[I_NLWP] = PIDS_NLWP;
+  /* Times are read even for system-only sampling: the stat file is read anyway, and a later
+   * switch to processes then has a baseline. */
+  items[I_UTIME] = PIDS_TICS_USER;
+  items[I_STIME] = PIDS_TICS_SYSTEM;
+  items[I_BEGAN] = PIDS_TICS_BEGAN;
+  items[I_PPID] = procs ? PIDS_ID_PPID : PIDS_noop;
+  items[I_RES] = procs ? PIDS_MEM_RES : PIDS_noop;
+  items[I_VIRT] = procs ? PIDS_MEM_VIRT : PIDS_noop;
+  items[I_CMD] = PIDS_CMD;
+  items[I_RBYTES] = procs && (monitor_type & NUV_PERF_MONITOR_PROCESS_IO) ? PIDS_IO_READ_BYTES
+                                                                           : PIDS_noop;
+  items[I_WBYTES] = procs && (monitor_type & NUV_PERF_MONITOR_PROCESS_IO) ? PIDS_IO_WRITE_BYTES
+                                                                           : PIDS_noop;
+  items[I_CMDLINE] = procs && (monitor_type & NUV_PERF_MONITOR_CMDLINE) ? PIDS_CMDLINE
+                                                                         : PIDS_noop;
+}
+
+static void free_state(void *p) {
+  struct sm_state *st = p;
+  if (!st) return;
+  if (st->pids) procps_pids_unref(&st->pids);
+  if (st->stat) procps_stat_unref(&st->stat);
+  if (st->mem) procps_meminfo_unref(&st->mem);
+  free(st->prev);
+  free(st);
+}
+
+static int cmp_prev(const void *a, const void *b) {
+  pid_t x = ((const struct prev_proc *)a)->pid, y = ((const struct prev_proc *)b)->pid;
+  return (x > y) - (x < y);
+}
+
+static const struct prev_proc *find_prev(const struct sm_state *st, pid_t pid) {
+  struct prev_proc key = {.pid = pid};
+  return st->nprev ? bsearch(&key, st->prev, st->nprev, sizeof key, cmp_prev) : NULL;
+}
+
+static uint32_t clamp32(double v) {
+  if (!(v > 0)) return 0;
+  return v >= 4294967295.0 ? UINT32_MAX : (uint32_t)v;
+}
+
+static float percent(double part, double whole) {
+  if (!(whole > 0) || !(part > 0)) return 0.0f;
+  double p = part * 100.0 / whole;
+  return (float)(p > 100.0 ? 100.0 : p);
+}
+
+/* The system figures that libproc2's stat and meminfo give; 0 or -1. */
+static int read_system(struct sm_state *st, _sys_info *sys, unsigned long long *busy,
+                       unsigned long long *total, unsigned long long *iowait) {
+  enum stat_item sitems[] = {STAT_TIC_SUM_BUSY, STAT_TIC_SUM_TOTAL, STAT_TIC_IOWAIT};
+  struct stat_stack *ss = procps_stat_select(st->stat, sitems, 3);
+  if (!ss) return -1;
+  *busy = STAT_VAL(0, ull_int, ss, st->stat);
+  *total = STAT_VAL(1, ull_int, ss, st->stat);
+  *iowait = STAT_VAL(2, ull_int, ss, st->stat);
+  enum meminfo_item mitems[] = {MEMINFO_MEM_TOTAL, MEMINFO_MEM_AVAILABLE, MEMINFO_SWAP_TOTAL,
+                                MEMINFO_SWAP_USED};
+  struct meminfo_stack *ms = procps_meminfo_select(st->mem, mitems, 4);
+  if (!ms) return -1;
+  sys->memtotal = MEMINFO_VAL(0, ul_int, ms, st->mem);
+  sys->memavai = MEMINFO_VAL(1, ul_int, ms, st->mem);
+  sys->swap_total = MEMINFO_VAL(2, ul_int, ms, st->mem);
+  sys->swap_used = MEMINFO_VAL(3, ul_int, ms, st->mem);
+  if (sys->memavai > sys->memtotal) sys->memavai = sys->memtotal;
+  if (sys->swap_used > sys->swap_total) sys->swap_used = sys->swap_total;
+  sys->swap_usage = percent((double)sys->swap_used, (double)sys->swap_total);
+  sys->handlenum = pp_file_handles();
+  long cpus = procps_cpu_count();
+  sys->cpunum = cpus > 0 ? (uint32_t)cpus : 1;
+  return 0;
+}
+
+/* Calls the current session's subscribers, unless `session` has ended meanwhile. */
+static void deliver(unsigned int session, int monitor_type, const _sys_info *sys,
+                    const _process_info *procs, uint32_t nprocs) {
+  unsigned int collected = ((monitor_type & NUV_PERF_MONITOR_SYSTEM) ? NUV_PERF_TYPE_SYSTEM : 0) |
+                           ((monitor_type & NUV_PERF_MONITOR_PROCESS) ? NUV_PERF_TYPE_PROCESS
+                                                                      : 0);
+  struct pp_sub subs[PP_MAX_SUBS];
+  pthread_mutex_lock(&g_mu);
+  int n = session == g_session ? g_nsubs : 0;
+  memcpy(subs, g_subs, (size_t)n * sizeof *subs);
+  g_delivering = n > 0;
+  pthread_mutex_unlock(&g_mu);
+  for (int i = 0; i < n; i++) {
+    unsigned int type = subs[i].mask & collected;
+    if (!type) continue;
+    /* A callback may end the session (unsubscribe from within): no further calls then. */
+    if (__atomic_load_n(&g_session, __ATOMIC_ACQUIRE) != session) break;
+    _perf_information info = {
+        .sys_info = (type & NUV_PERF_TYPE_SYSTEM) ? sys : NULL,
+        .reserved = NULL,
+        .process_info = (type & NUV_PERF_TYPE_PROCESS) ? procs : NULL,
+        .process_count = (type & NUV_PERF_TYPE_PROCESS) ? nprocs : 0,
+    };
+    ((nuv_perf_notifier)subs[i].fn)(type, &info, subs[i].context);
+  }
+  pthread_mutex_lock(&g_mu);
+  g_delivering = 0;
+  pthread_cond_broadcast(&g_idle);
+  pthread_mutex_unlock(&g_mu);
+}
+
+/* Takes one sample. With `notify` 0 it only sets the baseline; otherwise it notifies the
+ * subscribers of `session`. */
+static void sample(struct sm_state *st, int notify, unsigned int session) {
+  int monitor_type = __atomic_load_n(&g_monitor_type, __ATOMIC_RELAXED);
+  enum pids_item items[I_COUNT];
+  wanted_items(monitor_type, items);
+  if (memcmp(items, st->items, sizeof items) != 0) {
+    if (procps_pids_reset(st->pids, items, I_COUNT) < 0) return;
+    memcpy(st->items, items, sizeof items);
+  }
+  int procs_on = (monitor_type & NUV_PERF_MONITOR_PROCESS) != 0;
+  int io_on = procs_on && (monitor_type & NUV_PERF_MONITOR_PROCESS_IO);
+  int fds_on = procs_on && (monitor_type & NUV_PERF_MONITOR_HANDLES);
+  int cmd_on = procs_on && (monitor_type & NUV_PERF_MONITOR_CMDLINE);
+
+  _sys_info sys;
+  memset(&sys, 0, sizeof sys);
+  unsigned long long busy = 0, total = 0, iowait = 0;
+  if (read_system(st, &sys, &busy, &total, &iowait) != 0) return;
+  struct pids_fetch *fetch = procps_pids_reap(st->pids, PIDS_FETCH_TASKS_ONLY);
+  if (!fetch) return;
+  uint64_t boot_ms = pp_clock_ms(CLOCK_BOOTTIME);
+  uint64_t real_ms = pp_clock_ms(CLOCK_REALTIME);
+  int nstacks = fetch->counts ? fetch->counts->total : 0;
+
+  struct prev_proc *next = malloc((size_t)(nstacks > 0 ? nstacks : 1) * sizeof *next);
+  _process_info *procs = calloc((size_t)(nstacks > 0 ? nstacks : 1), sizeof *procs);
+  struct {
+    size_t image, path;
+  } *offs = malloc((size_t)(nstacks > 0 ? nstacks : 1) * sizeof *offs);
+  struct texts texts = {NULL, 0, 0};
+  if (!next || !procs || !offs) goto out;
+
+  double elapsed_ms = st->have_prev ? (double)(boot_ms - st->prev_boot_ms) : 0.0;
+  double hz = (double)st->hz;
+  double machine_ms = elapsed_ms * (double)(sys.cpunum ? sys.cpunum : 1);
+  uint32_t nprocs = 0, threads = 0;
+  size_t nnext = 0;
+  char path[PP_PATH_MAX], image[PP_NAME_MAX];
+  for (int i = 0; i < nstacks; i++) {
+    struct pids_stack *s = fetch->stacks[i];
+    char state = PIDS_VAL(I_STATE, s_ch, s, st->pids);
+    if (state == 'Z' || state == 'X') continue;
+    pid_t pid = PIDS_VAL(I_PID, s_int, s, st->pids);
+    int nlwp = PIDS_VAL(I_NLWP, s_int, s, st->pids);
+    unsigned long long ut = PIDS_VAL(I_UTIME, ull_int, s, st->pids);
+    unsigned long long kt = PIDS_VAL(I_STIME, ull_int, s, st->pids);
+    unsigned long long began = PIDS_VAL(I_BEGAN, ull_int, s, st->pids);
+    unsigned long long rb = io_on ? PIDS_VAL(I_RBYTES, ul_int, s, st->pids) : 0;
+    unsigned long long wb = io_on ? PIDS_VAL(I_WBYTES, ul_int, s, st->pids) : 0;
+    threads += nlwp > 0 ? (uint32_t)nlwp : 0;
+    next[nnext++] = (struct prev_proc){pid, io_on, began, ut + kt, rb, wb};
+    if (!procs_on || !notify) {
+      nprocs++;
+      continue;
+    }
+
+    _process_info *p = &procs[nprocs];
+    p->pid = (uint32_t)pid;
+    p->parentid = (uint32_t)PIDS_VAL(I_PPID, s_int, s, st->pids);
+    p->usertime = (uint64_t)((double)ut * 1000.0 / hz);
+    p->kerneltime = (uint64_t)((double)kt * 1000.0 / hz);
+    p->cputime = p->usertime + p->kerneltime;
+    uint64_t began_ms = (uint64_t)((double)began * 1000.0 / hz);
+    p->totaltime = boot_ms > began_ms ? boot_ms - began_ms : 0;
+    p->createtime = (uint32_t)((real_ms - p->totaltime + 500) / 1000);
+    p->memory = PIDS_VAL(I_RES, ul_int, s, st->pids);
+    p->memorycommit = PIDS_VAL(I_VIRT, ul_int, s, st->pids);
+    p->threads = nlwp > 0 ? (uint32_t)nlwp : 0;
+
+    /* Rates cover the last period only: against the previous sample, or from zero for a
+     * process that started within the period; otherwise they are not known and stay 0. */
+    const struct prev_proc *before = find_prev(st, pid);
+    int known = before && before->start == began;
+    int fresh = !known && st->have_prev && began_ms >= st->prev_boot_ms;
+    if (st->have_prev && (known || fresh)) {
+      unsigned long long t0 = known ? before->ticks : 0;
+      if (ut + kt > t0) p->cpu = percent((double)(ut + kt - t0) * 1000.0 / hz, machine_ms);
+      if (io_on && (fresh || before->has_io) && elapsed_ms > 0) {
+        unsigned long long r0 = fresh ? 0 : before->rbytes, w0 = fresh ? 0 : before->wbytes;
+        if (rb > r0) p->iorspeed = clamp32((double)(rb - r0) * 1000.0 / elapsed_ms);
+        if (wb > w0) p->iowspeed = clamp32((double)(wb - w0) * 1000.0 / elapsed_ms);
+      }
+    }
+    p->readbytes = rb;
+    p->writebytes = wb;
+    if (fds_on) {
+      long fds = pp_count_fds(pid);
+      p->handles = fds > 0 ? (uint32_t)fds : 0;
+    }
+    pp_read_exe(pid, path, sizeof path);
+    const char *comm = PIDS_VAL(I_CMD, str, s, st->pids);
+    pp_image_name(path, comm, image, sizeof image);
+    offs[nprocs].image = add_text(&texts, image);
+    offs[nprocs].path = add_text(&texts, path);
+    const char *cmdline = cmd_on ? PIDS_VAL(I_CMDLINE, str, s, st->pids) : NULL;
+    p->commandline = cmdline ? cmdline : ""; /* libproc2's, valid until the next reap */
+    nprocs++;
+  }
+
+  if (notify && st->have_prev) {
+    sys.procnum = nprocs;
+    sys.threadnum = threads;
+    if (total > st->prev_total) {
+      double dt = (double)(total - st->prev_total);
+      sys.cpu = busy > st->prev_busy ? percent((double)(busy - st->prev_busy), dt) : 0.0f;
+      sys.cpu_iowait_percent =
+          iowait > st->prev_iowait ? percent((double)(iowait - st->prev_iowait), dt) : 0.0f;
+    }
+    uint32_t listed = procs_on ? nprocs : 0;
+    for (uint32_t i = 0; i < listed; i++) {
+      procs[i].image = offs[i].image == NO_TEXT ? "" : texts.buf + offs[i].image;
+      procs[i].path = offs[i].path == NO_TEXT ? "" : texts.buf + offs[i].path;
+    }
+    deliver(session, monitor_type, &sys, procs, listed);
+  }
+
+  qsort(next, nnext, sizeof *next, cmp_prev);
+  free(st->prev);
+  st->prev = next;
+  st->nprev = nnext;
+  next = NULL;
+  st->have_prev = 1;
+  st->prev_boot_ms = boot_ms;
+  st->prev_busy = busy;
+  st->prev_total = total;
+  st->prev_iowait = iowait;
+out:
+  free(next);
+  free(procs);
+  free(offs);
+  free(texts.buf);
+}
+
+/* Whether `session` still runs; with g_mu held. */
+static int session_on(unsigned int session) { return session == g_session; }
+
+static void *sm_body(void *arg) {
+  (void)arg;
+  pthread_mutex_lock(&g_mu);
+  for (;;) {
+    if (!g_next_state) {
+      pthread_cond_wait(&g_wake, &g_mu);
+      continue;
+    }
+    struct sm_state *st = g_next_state;
+    g_next_state = NULL;
+    unsigned int session = g_session;
+    pthread_mutex_unlock(&g_mu);
+    sample(st, 0, session); /* the baseline: the first notification comes one period later */
+    uint64_t last = pp_clock_ms(CLOCK_MONOTONIC);
+    pthread_mutex_lock(&g_mu);
+    while (session_on(session)) {
+      uint64_t due = last + (uint64_t)__atomic_load_n(&g_frequency, __ATOMIC_RELAXED) * 1000u;
+      uint64_t now = pp_clock_ms(CLOCK_MONOTONIC);
+      if (now < due) {
+        struct timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        uint64_t ns = (uint64_t)ts.tv_nsec + (due - now) % 1000u * 1000000u;
+        ts.tv_sec += (time_t)((due - now) / 1000u + ns / 1000000000u);
+        ts.tv_nsec = (long)(ns % 1000000000u);
+        pthread_cond_timedwait(&g_wake, &g_mu, &ts);
+        continue;
+      }
+      pthread_mutex_unlock(&g_mu);
+      last = now;
+      sample(st, 1, session);
+      pthread_mutex_lock(&g_mu);
+    }
+    pthread_mutex_unlock(&g_mu);
+    free_state(st);
+    pthread_mutex_lock(&g_mu);
+  }
+  return NULL; /* not reached: the thread serves until the process ends */
+}
+
+static void init_conds(void) {
+  pthread_condattr_t ca;
+  pthread_condattr_init(&ca);
+  pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
+  pthread_cond_init(&g_wake, &ca);
+  pthread_condattr_destroy(&ca);
+  pthread_cond_init(&g_idle, NULL);
+}
+
+static struct sm_state *new_state(int *err) {
+  struct sm_state *st = calloc(1, sizeof *st);
+  if (!st) {
+    *err = ENOMEM;
+    return NULL;
+  }
+  st->hz = procps_hertz_get();
+  if (st->hz <= 0) st->hz = 100;
+  wanted_items(__atomic_load_n(&g_monitor_type, __ATOMIC_RELAXED), st->items);
+  int rc = procps_pids_new(&st->pids, st->items, I_COUNT);
+  if (rc >= 0) rc = procps_stat_new(&st->stat);
+  if (rc >= 0) rc = procps_meminfo_new(&st->mem);
+  if (rc < 0) {
+    free_state(st);
+    *err = -rc;
+    return NULL;
+  }
+  return st;
+}
+
+int nuv_perf_regsiter_notifier(unsigned int mask, nuv_perf_notifier callback, void *context) {
+  mask &= NUV_PERF_TYPE_SYSTEM | NUV_PERF_TYPE_PROCESS;
+  if (!callback || !mask) return EINVAL;
+  pthread_once(&g_once, init_conds);
+  int rc = 0;
+  pthread_mutex_lock(&g_mu);
+  if (g_nsubs == PP_MAX_SUBS) {
+    rc = ENOSPC;
+  } else if (g_nsubs == 0) {
+    /* A new session. libproc2 is set up here so that its failure reaches the caller. */
+    struct sm_state *st = new_state(&rc);
+    if (st && !g_thread_started) {
+      sigset_t all, old;
+      sigfillset(&all);
+      pthread_sigmask(SIG_SETMASK, &all, &old); /* the host's signals stay with the host */
+      rc = pthread_create(&g_thread, NULL, sm_body, NULL);
+      pthread_sigmask(SIG_SETMASK, &old, NULL);
+      g_thread_started = rc == 0;
+    }
+    if (rc == 0) {
+      free_state(g_next_state);
+      g_next_state = st;
+      __atomic_store_n(&g_session, g_session + 1, __ATOMIC_RELEASE);
+      pthread_cond_broadcast(&g_wake);
+    } else {
+      free_state(st);
+    }
+  }
+  if (rc == 0) g_subs[g_nsubs++] = (struct pp_sub){(void (*)(void))callback, context, mask};
+  pthread_mutex_unlock(&g_mu);
+  return rc;
+}
+
+int nuv_perf_unregsiter_notifier(int monitor_type) {
+  (void)monitor_type;
+  pthread_once(&g_once, init_conds);
+  pthread_mutex_lock(&g_mu);
+  if (g_nsubs > 0) {
+    g_nsubs = 0;
+    __atomic_store_n(&g_session, g_session + 1, __ATOMIC_RELEASE);
+    free_state(g_next_state);
+    g_next_state = NULL;
+    pthread_cond_broadcast(&g_wake);
+  }
+  /* A callback in flight ends before this returns, unless this is that callback. */
+  if (!g_thread_started || !pthread_equal(g_thread, pthread_self())) {
+    while (g_delivering) pthread_cond_wait(&g_idle, &g_mu);
+  }
+  pthread_mutex_unlock(&g_mu);
+  return 0;
+}
