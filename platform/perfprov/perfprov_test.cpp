@@ -243,12 +243,17 @@ TEST_P(ProcEvents, ThreadsAreNotReported) {
   Child child({PERF_CHILD_PATH, "--threads", "5", "--transient", "3"}, true);
   ASSERT_TRUE(child.ready());
   uint32_t pid = static_cast<uint32_t>(child.pid());
-  DIR* d = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
-  ASSERT_NE(d, nullptr);
-  while (struct dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') tids.insert(static_cast<uint32_t>(atoi(e->d_name)));
+  // The transient threads may take a moment to be gone after the child says it is ready.
+  for (int tries = 0; tries < 200 && tids.size() != 5u; ++tries) {
+    if (!tids.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    tids.clear();
+    DIR* d = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
+    ASSERT_NE(d, nullptr);
+    while (struct dirent* e = readdir(d)) {
+      if (e->d_name[0] != '.') tids.insert(static_cast<uint32_t>(atoi(e->d_name)));
+    }
+    closedir(d);
   }
-  closedir(d);
   ASSERT_EQ(tids.size(), 5u);
   // Announced (the /proc source needs to have seen it) before it ends.
   ASSERT_TRUE(rec.WaitFor([&](const auto& v) {
