@@ -53,7 +53,7 @@ TEST_F(CompressTest, TarThatCannotStartOrOutrunsItsTimeOutIsRefused) {
   };
   for (const auto& c : cases) {
     if (c.hugeSource) {
-      ASSERT_EQ(::truncate((day_ + "/app-1-512").c_str(), 64LL << 30), 0);
+      ASSERT_EQ(nuv_file_truncate((day_ + "/app-1-512").c_str(), uint64_t{64} << 30), 0);
     }
     uint32_t result = 0;
     const auto start = std::chrono::steady_clock::now();
