@@ -540,7 +540,10 @@ TEST(CommFailure, StalledServerTimesOutAndItsLateAnswerIsNotMistaken) {
   server.Signal(SIGCONT);
   // Had the timed-out connection been pooled, this would read the answer meant for "b".
   EXPECT_EQ(Post("stall", "c"), int(Fnv1a("c")));
-  EXPECT_EQ(server.FinishServing(), 3);
+  // Whether the woken server still handles "b", whose poster has hung up, depends on which it
+  // notices first; "a" and "c" it must have served.
+  int served = server.FinishServing();
+  EXPECT_TRUE(served == 2 || served == 3) << served;
 }
 
 TEST(CommFailure, LiveTopicIsRefusedAndLeftAlone) {
