@@ -15,6 +15,7 @@ namespace nuvctl {
 int StoreMain(int argc, char** argv);  // store_cmd.cpp
 int PostMain(int argc, char** argv);   // post_cmd.cpp
 int BpMain(int argc, char** argv);     // bp_cmd.cpp
+int TopMain(int argc, char** argv);    // top_cmd.cpp
 
 namespace {
 
@@ -22,6 +23,7 @@ const Command kCommands[] = {
     {"store", "list, read, check and clean the on-disk store", StoreMain},
     {"post", "post a file's bytes to a bus topic and show the result word", PostMain},
     {"bp", "build a valid burying point and post it to the daemon", BpMain},
+    {"top", "one sample of the system and the busiest processes, as monitors see it", TopMain},
 };
 
 void PrintUsage(FILE* out) {
