@@ -1,36 +1,8 @@
 #include "file/filemanager.h"
 
 #include "common/log.h"
+#include "common/rwlock_guard.h"
 #include "common/utils.h"
-
-// Holds the manager's lock for one scope. A lock that cannot be taken is logged; the operation
-// then runs without it rather than failing a producer.
-class CFileManager::LockGuard {
- public:
-  LockGuard(nuv_rwlock_t* lock, bool exclusive) : lock_(lock), exclusive_(exclusive) {
-    const int rc =
-        exclusive_ ? nuv_rwlock_exclusive_acquire(lock_) : nuv_rwlock_shared_acquire(lock_);
-    held_ = rc == 0;
-    if (!held_) {
-      ZLOG_ERROR("[CFileManager]::lock acquire failed, exclusive = %d, code = %d.",
-                 exclusive_ ? 1 : 0, rc);
-    }
-  }
-  ~LockGuard() {
-    if (held_ && exclusive_) {
-      nuv_rwlock_exclusive_release(lock_);
-    } else if (held_) {
-      nuv_rwlock_shared_release(lock_);
-    }
-  }
-  LockGuard(const LockGuard&) = delete;
-  LockGuard& operator=(const LockGuard&) = delete;
-
- private:
-  nuv_rwlock_t* lock_;
-  bool exclusive_;
-  bool held_ = false;
-};
 
 namespace {
 
@@ -53,32 +25,32 @@ CFileManager::~CFileManager() {
 }
 
 CError CFileManager::WriteFile(CFileClassify& classify, const std::string& record) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   CFileUnit* unit = FindAndInsertNolock(classify);
   return unit == nullptr ? InvalidClassify() : unit->WriteFile(record);
 }
 
 CError CFileManager::ReadFile(CFileClassify& classify, int n, std::string& out) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   CFileUnit* unit = FindAndInsertNolock(classify);
   return unit == nullptr ? InvalidClassify() : unit->ReadFile(n, out);
 }
 
 CError CFileManager::ReadBatchFile(CFileClassify& classify, unsigned int start, unsigned int count,
                                    unsigned int& next, std::vector<std::string>& out) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   CFileUnit* unit = FindAndInsertNolock(classify);
   return unit == nullptr ? InvalidClassify() : unit->ReadBatchFile(start, count, next, out);
 }
 
 CError CFileManager::ReadALLFile(CFileClassify& classify, std::vector<std::string>& out) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   CFileUnit* unit = FindAndInsertNolock(classify);
   return unit == nullptr ? InvalidClassify() : unit->ReadALLFile(out);
 }
 
 CFileUnit* CFileManager::FindAndInsert(CFileClassify& classify) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   return FindAndInsertNolock(classify);
 }
 
@@ -98,7 +70,7 @@ CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify) {
 }
 
 void CFileManager::CloseUnit(CFileClassify& classify) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CFileManager");
   auto found = units_.find(classify.GetHashKey());
   if (found != units_.end()) {
     found->second->Close();
@@ -112,7 +84,7 @@ void CFileManager::Delete(CFileClassify& classify) { CloseUnit(classify); }
 
 void CFileManager::FileUnitsFlush() {
   // Shared is enough: flushing leaves the map as it is, and only the clean-up thread flushes.
-  LockGuard guard(lock_, false);
+  CRwLockGuard guard(lock_, false, "CFileManager");
   for (auto& entry : units_) {
     entry.second->Flush();
   }

@@ -52,7 +52,6 @@ class CFileManager {
   CError EnumFilesByTime(const std::string& day, std::vector<std::string>& out, int type);
 
  private:
-  class LockGuard;
 
   void CloseUnit(CFileClassify& classify);
   // Appends the files under the base of `type` that `take` accepts; 210 / 211 as documented.

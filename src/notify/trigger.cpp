@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/rwlock_guard.h"
 #include "common/singleton.h"
 #include "common/utils.h"
 #include "config/config_collect.h"
@@ -17,35 +18,6 @@ const unsigned int kNotifyMask = NUV_PERF_TYPE_SYSTEM | NUV_PERF_TYPE_PROCESS;
 const unsigned int kPerfRecordType = 100;
 
 }  // namespace
-
-// Holds the monitor lock for one scope. A lock that cannot be taken is logged and the delivery
-// goes on without it rather than dropping samples.
-class CTrigger::LockGuard {
- public:
-  LockGuard(nuv_rwlock_t* lock, bool exclusive) : lock_(lock), exclusive_(exclusive) {
-    const int rc =
-        exclusive_ ? nuv_rwlock_exclusive_acquire(lock_) : nuv_rwlock_shared_acquire(lock_);
-    held_ = rc == 0;
-    if (!held_) {
-      ZLOG_ERROR("[CTrigger]::lock acquire failed, exclusive = %d, code = %d.", exclusive_ ? 1 : 0,
-                 rc);
-    }
-  }
-  ~LockGuard() {
-    if (held_ && exclusive_) {
-      nuv_rwlock_exclusive_release(lock_);
-    } else if (held_) {
-      nuv_rwlock_shared_release(lock_);
-    }
-  }
-  LockGuard(const LockGuard&) = delete;
-  LockGuard& operator=(const LockGuard&) = delete;
-
- private:
-  nuv_rwlock_t* lock_;
-  bool exclusive_;
-  bool held_ = false;
-};
 
 CTrigger::CTrigger() {
   const int rc = nuv_rwlock_init(&lock_);
@@ -93,12 +65,12 @@ void CTrigger::SetPerfMonitor(CPerfInterface* monitor) {
   if (monitor == nullptr) {
     return;
   }
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CTrigger");
   monitor_ = monitor;
 }
 
 void CTrigger::ClearnPerfMonitor() {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CTrigger");
   monitor_ = nullptr;
 }
 
@@ -124,7 +96,7 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
     std::vector<ProcessInfo> processes;
     processes.reserve(info->process_info != nullptr ? info->process_count : 0);
     // Held for the whole delivery, so the receiver cannot be detached halfway.
-    LockGuard guard(lock_, false);
+    CRwLockGuard guard(lock_, false, "CTrigger");
     for (uint32_t i = 0; info->process_info != nullptr && i < info->process_count; ++i) {
       processes.emplace_back(&info->process_info[i]);
       if (monitor_ != nullptr) {
@@ -139,7 +111,7 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
   }
   if ((type & NUV_PERF_TYPE_SYSTEM) != 0) {
     const SystemInfo system(info->sys_info);
-    LockGuard guard(lock_, false);
+    CRwLockGuard guard(lock_, false, "CTrigger");
     if (monitor_ != nullptr) {
       monitor_->Dispatch(system);
     }
@@ -149,14 +121,14 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
 void CTrigger::OnProcess(int event, const _process_mon_info* info) {
   const ProcessMonInfo process(info);
   if (event != NUV_PROC_EVENT_EXIT) {
-    LockGuard guard(lock_, false);
+    CRwLockGuard guard(lock_, false, "CTrigger");
     if (monitor_ != nullptr) {
       monitor_->RegisterMonitor(process.path, process.pid);
     }
     return;
   }
   {
-    LockGuard guard(lock_, false);
+    CRwLockGuard guard(lock_, false, "CTrigger");
     if (monitor_ != nullptr) {
       monitor_->UnRegisterMonitor(process.path, process.pid);
     }

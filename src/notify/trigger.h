@@ -34,7 +34,6 @@ class CTrigger {
   static int ProcMonTrigger(int event, void* procInfo, void* context);
 
  private:
-  class LockGuard;
 
   void OnPerformance(unsigned int type, const _perf_information* info);
   void OnProcess(int event, const _process_mon_info* info);

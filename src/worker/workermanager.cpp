@@ -4,34 +4,8 @@
 #include <new>
 
 #include "common/log.h"
+#include "common/rwlock_guard.h"
 #include "common/utils.h"
-
-class CWorkerManager::LockGuard {
- public:
-  LockGuard(nuv_rwlock_t* lock, bool exclusive) : lock_(lock), exclusive_(exclusive) {
-    const int rc =
-        exclusive_ ? nuv_rwlock_exclusive_acquire(lock_) : nuv_rwlock_shared_acquire(lock_);
-    held_ = rc == 0;
-    if (!held_) {
-      ZLOG_ERROR("[CWorkerManager]::lock acquire failed, exclusive = %d, code = %d.",
-                 exclusive_ ? 1 : 0, rc);
-    }
-  }
-  ~LockGuard() {
-    if (held_ && exclusive_) {
-      nuv_rwlock_exclusive_release(lock_);
-    } else if (held_) {
-      nuv_rwlock_shared_release(lock_);
-    }
-  }
-  LockGuard(const LockGuard&) = delete;
-  LockGuard& operator=(const LockGuard&) = delete;
-
- private:
-  nuv_rwlock_t* lock_;
-  bool exclusive_;
-  bool held_ = false;
-};
 
 CWorkerManager::CWorkerManager() {
   const int rc = nuv_rwlock_init(&lock_);
@@ -64,7 +38,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
   std::unique_ptr<CWorker> owned(worker);
   bool inserted = false;
   {
-    LockGuard guard(lock_, true);
+    CRwLockGuard guard(lock_, true, "CWorkerManager");
     try {
       if (owned->HasParents()) {
         // Only copies live on, one under each parent with that id. The search is pre-order, so
@@ -96,7 +70,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
 }
 
 bool CWorkerManager::FindWorker(const std::string& key, const std::string& id) {
-  LockGuard guard(lock_, false);
+  CRwLockGuard guard(lock_, false, "CWorkerManager");
   std::vector<CWorker*> found;
   for (CWorker* root : workers_) {
     root->FindWorker(key, id, found);
@@ -148,21 +122,21 @@ void CWorkerManager::DeleteMatching(const Match& match, const Descend& descend, 
 }
 
 CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CWorkerManager");
   DeleteMatching([&id](CWorker& root) { return root.GetWorkerID() == id; },
                  [&id](CWorker& root) { root.DeleteWorkerByID(id); }, Removal::kByID);
   return CError();
 }
 
 CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CWorkerManager");
   DeleteMatching([&key](CWorker& root) { return root.GetKey() == key; },
                  [&key](CWorker& root) { root.DeleteWorkerByKey(key); }, Removal::kByKey);
   return CError();
 }
 
 void CWorkerManager::DestroyWorker() {
-  LockGuard guard(lock_, true);
+  CRwLockGuard guard(lock_, true, "CWorkerManager");
   auto it = workers_.begin();
   while (it != workers_.end()) {
     CWorker* root = *it;
@@ -181,7 +155,7 @@ void CWorkerManager::DestroyWorker() {
 
 template <typename Sample>
 void CWorkerManager::DispatchByKey(const std::string& key, const Sample& sample) {
-  LockGuard guard(lock_, false);
+  CRwLockGuard guard(lock_, false, "CWorkerManager");
   std::vector<CWorker*> targets;
   try {
     FindWokerByKeyNolock(key, targets);

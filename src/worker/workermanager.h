@@ -47,7 +47,6 @@ class CWorkerManager {
   void Dispatch(const std::vector<ProcessInfo>& infos);
 
  private:
-  class LockGuard;
   enum class Removal { kByID, kByKey };
   // Over the roots, with the lock held: matching roots are freed once deletable, the others
   // are searched by `descend`.
