@@ -7,63 +7,22 @@
 #include <string>
 #include <vector>
 
-#include "common/singleton.h"
 #include "file/file_test_support.h"
-#include "file/filemanager.h"
-#include "nuv_comm.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
+using filetest::Lines;
+using filetest::Post;
 constexpr int kBpInvalid = static_cast<int>(0x84CE0004u);
 const char kTopic[] = "maintenance:POST";
+const ::testing::Environment* const kEnv =
+    ::testing::AddGlobalTestEnvironment(new filetest::BusEnvironment(true));
 
-// One bus with private sockets and one store for the whole run: the file manager keeps its
-// streams open across tests, so the store must not move under it.
-class StoreAndBus : public ::testing::Environment {
- public:
-  void SetUp() override {
-    setenv("NUV_COMM_DIR", dir_.Sub("comm").c_str(), 1);
-    ASSERT_EQ(nuv_comm_init(), 0);
-    ASSERT_TRUE(filetest::LoadStoreConfig(dir_).IsSuccess());
-  }
-  void TearDown() override { nuv_comm_uninit(); }
-
- private:
-  nuvtest::TempDir dir_;
-};
-const ::testing::Environment* const kEnv = ::testing::AddGlobalTestEnvironment(new StoreAndBus);
-
-int Post(const char* topic, const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post(topic, data);
-  nuv_comm_delete_data(data);
-  return result;
-}
-
-// The messages of the lines that bpmgr.cpp wrote at `level` ("[ERROR]").
-Lines Messages(const Lines& lines, const char* level) {
-  Lines out;
-  for (const std::string& line : filetest::Matching(lines, " [buryingpoint/bpmgr.cpp(")) {
-    if (line.find(std::string("\t") + level + "\t") != std::string::npos) {
-      out.push_back(line.substr(line.find(")] ") + 3));
-    }
-  }
-  return out;
-}
-
-struct Outcome {
+// Posts `text` to `topic`: the result and the messages bpmgr.cpp logged.
+std::pair<int, Lines> PostCaptured(const char* topic, const std::string& text) {
   int result = -1;
-  Lines errors;
-  Lines debugs;
-};
-
-Outcome PostCaptured(const char* topic, const std::string& text) {
-  Outcome out;
-  const Lines lines = filetest::CaptureLog([&] { out.result = Post(topic, text); });
-  out.errors = Messages(lines, "[ERROR]");
-  out.debugs = Messages(lines, "[DEBUG]");
-  return out;
+  const Lines lines = filetest::CaptureLog([&] { result = Post(topic, text); });
+  return {result, filetest::Messages(lines, "buryingpoint/bpmgr.cpp")};
 }
 
 // A valid point with the member at `path` ("header/id") set to the JSON text `value`, or
@@ -92,15 +51,6 @@ std::string Point(int type, const std::string& focus, const std::string& path = 
   return out;
 }
 
-// The records of a stream, read back through the store.
-Lines Stored(CFileClassify& stream) {
-  CFileManager& store = CSingleton<CFileManager>::GetInstance();
-  store.FileUnitsFlush();
-  Lines records;
-  store.ReadALLFile(stream, records);
-  return records;
-}
-
 std::string With(const std::string& path, const char* value) {
   return Point(256, "/bin/a:1", path, value);
 }
@@ -117,7 +67,6 @@ TEST_F(BpMgrTest, InvalidPointsAreRefusedWithTheirReason) {
   const std::string longFocus = std::string(5000, '/') + "agent:1";
   std::vector<std::pair<std::string, std::string>> rows = {
       // text, "<code>-<message>"
-      {"", "102-json load failed with error:-1"},
       {"{\"header\": ", "102-json load failed with error:-1"},
       {"[1, 2]", "102-bp header/type is invalid"},
       {With("header/type", "\"256\""), "102-bp header/type is invalid"},
@@ -132,7 +81,6 @@ TEST_F(BpMgrTest, InvalidPointsAreRefusedWithTheirReason) {
       {Point(256, longFocus),
        "102-" + ("BP header/focus:" + longFocus + " processname is invalid").substr(0, 1023)},
       {With("header/id", "7"), "102-bp header/id is invalid"},
-      {With("header/function", "null"), "102-bp header/function is invalid"},
       {With("body/time_start", "\"100\""), "102-bp body/time_start is invalid"},
       {Point(0, "/bin/a:1"), "302-init file classify failed."},
   };
@@ -143,10 +91,10 @@ TEST_F(BpMgrTest, InvalidPointsAreRefusedWithTheirReason) {
     rows.emplace_back(With(path, nullptr), std::string("102-bp ") + path + " is invalid");
   }
   for (const auto& [text, reason] : rows) {
-    const Outcome out = PostCaptured(kTopic, text);
-    EXPECT_EQ(out.result, kBpInvalid) << text;
-    EXPECT_EQ(out.errors, Lines{"[bpmgr] check bp data failed with error:" + reason}) << text;
-    EXPECT_EQ(out.debugs, Lines{}) << text;
+    EXPECT_EQ(PostCaptured(kTopic, text),
+              std::make_pair(kBpInvalid,
+                             Lines{"[ERROR] [bpmgr] check bp data failed with error:" + reason}))
+        << text;
   }
 }
 
@@ -169,66 +117,59 @@ TEST_F(BpMgrTest, ValidPointsAreStoredAsPosted) {
        "keeper", 512},
   };
   for (const auto& row : rows) {
-    CFileClassify stream;
-    ASSERT_TRUE(stream.InitFileClassify(row.name, 0, row.type));
-    Lines records = Stored(stream);
-    const Outcome out = PostCaptured(kTopic, row.text);
-    EXPECT_EQ(out.result, 0) << row.text;
-    EXPECT_EQ(out.errors, Lines{});
-    EXPECT_EQ(out.debugs,
-              Lines{"[bpmgr] write bp data success. type:" + std::to_string(row.type) +
-                    ", pid:0, name:" + row.name + ", content_path:" + stream.GetContentPath()});
+    CFileClassify stream = filetest::Classify(row.name, 0, row.type);
+    Lines records = filetest::Stored(stream);
+    EXPECT_EQ(PostCaptured(kTopic, row.text),
+              std::make_pair(0, Lines{"[DEBUG] [bpmgr] write bp data success. type:" +
+                                      std::to_string(row.type) + ", pid:0, name:" + row.name +
+                                      ", content_path:" + stream.GetContentPath()}));
     records.push_back(row.text);
-    EXPECT_EQ(Stored(stream), records);
+    EXPECT_EQ(filetest::Stored(stream), records);
   }
 }
 
 TEST_F(BpMgrTest, UnusableCallsAndStoreFailures) {
   // A process name longer than a directory name can be: the store's code goes back.
-  Outcome out = PostCaptured(kTopic, Point(256, "/bin/" + std::string(300, 'n') + ":1"));
-  EXPECT_NE(out.result, 0);
-  EXPECT_NE(out.result, kBpInvalid);
-  ASSERT_EQ(out.errors.size(), 1u);
-  EXPECT_EQ(out.errors[0].rfind(
-                "[bpmgr] write bp data failed with error:" + std::to_string(out.result) + "-", 0),
-            0u)
-      << out.errors[0];
+  auto [result, messages] = PostCaptured(kTopic, Point(256, "/bin/" + std::string(300, 'n') + ":1"));
+  EXPECT_NE(result, 0);
+  EXPECT_NE(result, kBpInvalid);
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].rfind("[ERROR] [bpmgr] write bp data failed with error:" +
+                                  std::to_string(result) + "-", 0), 0u)
+      << messages[0];
 
   ASSERT_EQ(nuv_comm_register("bpmgr:nouser", &CBpMgr::BpRegisterCallBack, nullptr), 0);
-  out = PostCaptured("bpmgr:nouser", Point(256, "/bin/a:1"));
-  EXPECT_EQ(out.result, static_cast<int>(0x84CE0002u));
-  EXPECT_EQ(out.errors, Lines{"[bpmgr] callback userdata is null."});
+  EXPECT_EQ(PostCaptured("bpmgr:nouser", Point(256, "/bin/a:1")),
+            std::make_pair(static_cast<int>(0x84CE0002u),
+                           Lines{"[ERROR] [bpmgr] callback userdata is null."}));
   EXPECT_EQ(nuv_comm_unregister("bpmgr:nouser"), 0);
 
-  int result = 0;
   const Lines lines = filetest::CaptureLog(
       [&] { result = CBpMgr::BpRegisterCallBack(nullptr, nullptr, &manager_); });
   EXPECT_EQ(result, static_cast<int>(0x84CE0003u));
-  EXPECT_EQ(Messages(lines, "[ERROR]"), Lines{"[bpmgr] buryingpoint get comm data failed."});
+  EXPECT_EQ(filetest::Messages(lines, "buryingpoint/bpmgr.cpp"),
+            Lines{"[ERROR] [bpmgr] buryingpoint get comm data failed."});
 }
 
 TEST(BpMgrLifecycle, StartStopAndARefusedRegistration) {
-  CBpMgr first;
-  CBpMgr second;
-  CError started;
+  CBpMgr first, second;
   CError refused;
   Lines lines = filetest::CaptureLog([&] {
-    started = first.Start();
+    EXPECT_EQ(first.Start().code, 0);
     refused = second.Start();
   });
   const std::string busy = std::to_string(NUV_COMM_E_BUSY);
-  EXPECT_EQ(started.desc, "success");
-  EXPECT_EQ(refused.code, 301);
-  EXPECT_EQ(refused.desc, "BP mgr comm register error with code:" + busy);
-  EXPECT_EQ(Messages(lines, "[INFO]"), Lines{"[bpmgr]start buryingpoint mgr success."});
-  EXPECT_EQ(Messages(lines, "[ERROR]"),
-            Lines{"[bpmgr]start buryingpoint mgr failed with error:" + busy});
+  EXPECT_EQ(std::to_string(refused.code) + " " + refused.desc,
+            "301 BP mgr comm register error with code:" + busy);
+  EXPECT_EQ(filetest::Messages(lines, "buryingpoint/bpmgr.cpp"),
+            (Lines{"[INFO] [bpmgr]start buryingpoint mgr success.",
+                   "[ERROR] [bpmgr]start buryingpoint mgr failed with error:" + busy}));
   // The refused start stays joined to the bus; Stop would take the first one's topic down.
   EXPECT_EQ(nuv_comm_uninit(), 0);
   EXPECT_EQ(Post(kTopic, With("header/id", nullptr)), kBpInvalid);
-
   lines = filetest::CaptureLog([&] { first.Stop(); });
-  EXPECT_EQ(Messages(lines, "[INFO]"), Lines{"[bpmgr]stop buryingpoint mgr."});
+  EXPECT_EQ(filetest::Messages(lines, "buryingpoint/bpmgr.cpp"),
+            Lines{"[INFO] [bpmgr]stop buryingpoint mgr."});
   EXPECT_EQ(Post(kTopic, Point(256, "/bin/a:1")), NUV_COMM_E_NOTOPIC);
 }
 

@@ -1,23 +1,19 @@
 #include "config/config_mgr.h"
 
 #include <gtest/gtest.h>
-#include <jansson.h>
 #include <unistd.h>
 
 #include <optional>
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "common/utils.h"
 #include "config/config_addition.h"
 #include "config/config_clearn.h"
 #include "config/config_collect.h"
 #include "config/config_file.h"
 #include "config/config_perfor.h"
 #include "config/config_queue.h"
-#include "nuv_log.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -43,10 +39,31 @@ const char* const kBase = R"({
   }
 })";
 
+using Edits = std::vector<std::pair<std::string, std::string>>;
+// Gives the first member `key` the JSON value `value`; its old value moves to an unused "x".
+std::pair<std::string, std::string> Set(const std::string& key, const std::string& value) {
+  return {"\"" + key + "\": ", "\"" + key + "\": " + value + ", \"x\": "};
+}
+// Renames the first member `key` out of the way.
+std::pair<std::string, std::string> Drop(const std::string& key) {
+  return {"\"" + key + "\"", "\"" + key + "_gone\""};
+}
+
+// The base text with the first occurrence of each edit's first text replaced by its second.
+std::string Edit(const Edits& edits) {
+  std::string text = kBase;
+  for (const auto& [from, to] : edits) {
+    const size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
 std::string ExeDir() {
   char buffer[4096] = {0};
-  ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-  std::string exe(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+  EXPECT_GT(readlink("/proc/self/exe", buffer, sizeof(buffer) - 1), 0);
+  const std::string exe = buffer;
   return exe.substr(0, exe.rfind('/'));
 }
 
@@ -61,94 +78,34 @@ void ReleaseSections() {
   CAdditionCtrlor::ReleaseInstance();
 }
 
-// Sets (or, with a null value, removes) the member at a slash path of a JSON text; the value
-// is JSON text itself.
-std::string EditJson(const std::string& text, const std::string& path, const char* value) {
-  json_error_t error;
-  json_t* root = json_loads(text.c_str(), 0, &error);
-  EXPECT_NE(root, nullptr) << error.text;
-  std::vector<std::string> pieces = SplitString(path, '/');
-  json_t* node = root;
-  for (size_t i = 0; i + 1 < pieces.size(); ++i) node = json_object_get(node, pieces[i].c_str());
-  EXPECT_TRUE(json_is_object(node)) << path;
-  if (value == nullptr) {
-    EXPECT_EQ(json_object_del(node, pieces.back().c_str()), 0) << path;
-  } else {
-    json_t* made = json_loads(value, JSON_DECODE_ANY, &error);
-    EXPECT_NE(made, nullptr) << value;
-    json_object_set_new(node, pieces.back().c_str(), made);
-  }
-  char* dumped = json_dumps(root, JSON_INDENT(2));
-  std::string out = dumped != nullptr ? dumped : "";
-  free(dumped);
-  json_decref(root);
-  return out;
-}
-
-// A file's text made from the base text; nullopt means no file at all.
-using Content = std::optional<std::string>;
-
-Content Edit(const std::vector<std::pair<const char*, const char*>>& edits) {
-  std::string text = kBase;
-  for (const auto& edit : edits) text = EditJson(text, edit.first, edit.second);
-  return text;
-}
-Content Edit(const char* path, const char* value) { return Edit({{path, value}}); }
-
-struct LogLine {
-  std::string level;
-  std::string source;
-  std::string message;
-};
-
-std::vector<LogLine> ParseLog(const std::vector<std::string>& lines) {
-  static const std::regex kLine(
-      R"(^\[PID:(\d+) *\]\t\[(ERROR|WARN|INFO|DEBUG)\]\t\[ZOR\]      \[([^()]+)\((\d+)\)\] (.*)$)");
-  std::vector<LogLine> out;
-  for (const std::string& line : lines) {
-    std::smatch m;
-    if (std::regex_match(line, m, kLine) && std::stol(m[1]) == static_cast<long>(getpid())) {
-      out.push_back({m[2], m[3], m[5]});
-    } else {
-      ADD_FAILURE() << "malformed log line: " << line;
-    }
-  }
-  return out;
-}
-
 struct LoadResult {
   CError error;
   std::string path;
-  std::vector<LogLine> log;
+  std::vector<std::string> log;  // "[LEVEL] message"
 };
 
-// Writes `text` (if any) to a fresh temporary file and loads it with the platform log going
-// to a file of its own at DEBUG level.
-LoadResult LoadText(const std::optional<std::string>& text, const nuvtest::TempDir& dir) {
-  LoadResult result;
-  result.path = dir.Sub("maintenance.json");
-  if (text) {
-    EXPECT_TRUE(nuvtest::WriteFile(result.path, *text));
-  }
-  const std::string logPath = dir.Sub("zor.log");
-  nuv_log_set_file(logPath.c_str());
-  const int oldLevel = nuv_log_get_level();
-  nuv_log_set_level(3);
-  EXPECT_EQ(nuv_log_start(0), 0);
-  {
+// Loads `text` (no file when nullopt) from a fresh file with the platform log captured.
+LoadResult LoadText(const std::optional<std::string>& text) {
+  nuvtest::TempDir dir;
+  LoadResult r;
+  r.path = dir.Sub("maintenance.json");
+  EXPECT_TRUE(!text || nuvtest::WriteFile(r.path, *text));
+  r.log = nuvtest::CaptureMessages([&] {
     ConfigMgr mgr;
-    result.error = mgr.LoadConfig(result.path);
-    EXPECT_EQ(mgr.GetPath(), result.path);
-  }
-  nuv_log_stop();
-  nuv_log_set_level(oldLevel);
-  nuv_log_set_file(nullptr);
-  result.log = ParseLog(nuvtest::ReadLines(logPath));
-  return result;
+    r.error = mgr.LoadConfig(r.path);
+    EXPECT_EQ(mgr.GetPath(), r.path);
+  });
+  return r;
+}
+
+void LoadOk(const std::string& text) {
+  const LoadResult r = LoadText(text);
+  ASSERT_EQ(r.error.code, 0) << r.error.desc << ::testing::PrintToString(r.log);
+  ASSERT_EQ(r.error.desc, "success");
 }
 
 std::string WithPath(std::string text, const std::string& path) {
-  size_t at = text.find("%PATH%");
+  const size_t at = text.find("%PATH%");
   return at == std::string::npos ? text : text.replace(at, 6, path);
 }
 
@@ -156,20 +113,10 @@ class ConfigTest : public ::testing::Test {
  protected:
   void SetUp() override { ReleaseSections(); }
   void TearDown() override { ReleaseSections(); }
-
-  // Loads the base with the edits applied and insists on success.
-  void LoadOk(const Content& content) {
-    nuvtest::TempDir dir;
-    LoadResult r = LoadText(content, dir);
-    ASSERT_EQ(r.error.code, 0) << r.error.desc;
-    ASSERT_EQ(r.error.desc, "success");
-  }
 };
 
-const char* const kMgr = "config/config_mgr.cpp";
-const char* const kFile = "config/config_file.cpp";
-const char* const kClearn = "config/config_clearn.cpp";
-const char* const kQueueFailed = "[ConfigMgr]::LoadConfig faild, parse message queue config failed.";
+const char* const kQueueFailed =
+    "[ConfigMgr]::LoadConfig faild, parse message queue config failed.";
 const char* const kSdkFailed = "[ConfigMgr]::LoadConfig faild, parse collect sdk config failed.";
 const char* const kPerfFailed =
     "[ConfigMgr]::LoadConfig faild, parse performance monitor config failed.";
@@ -182,80 +129,63 @@ const char* const kTagLog = "parse config failed, tag name = maintaince log conf
 const char* const kTagClearn = "parse config failed, tag name = clearn log config";
 const char* const kTagAddition = "parse config failed, tag name = CAdditionCtrlor log config";
 
-struct LoadCase {
-  const char* name;
-  Content content;
-  int code;
-  const char* desc;  // "%PATH%" stands for the file's path
-  std::vector<std::pair<const char*, const char*>> errors;  // source, message; in order
-};
-
 TEST_F(ConfigTest, LoaderReportsCodeTagAndErrorLines) {
   const char* notJson = "[ConfigMgr]::LoadConfig faild, parse config file failed.";
   // An unused member long enough for the file to be 1.5 MiB in lines far over any read buffer.
   const std::string padding = "\"" + std::string(3 * kMiB / 2, 'x') + "\"";
-  const std::vector<LoadCase> cases = {
+  const struct {
+    const char* name;
+    std::optional<std::string> content;
+    int code;
+    const char* desc;                 // "%PATH%" stands for the file's path
+    std::vector<std::string> errors;  // the ERROR lines' messages, in order
+  } cases[] = {
       {"base file", Edit({}), 0, "success", {}},
-      {"1.5 MiB file", Edit("/padding", padding.c_str()), 0, "success", {}},
-      {"empty addition", Edit("/addition", "{}"), 0, "success", {}},
+      {"1.5 MiB file", Edit({{"\"addition\": ", "\"pad\": " + padding + ", \"addition\": "}}), 0,
+       "success", {}},
+      {"empty addition", Edit({Set("addition", "{}")}), 0, "success", {}},
       {"missing file", std::nullopt, 103, "n`t found config",
-       {{kMgr, "[ConfigMgr]::LoadConfig faild, not find config file %PATH%."}}},
+       {"[ConfigMgr]::LoadConfig faild, not find config file %PATH%."}},
       {"not json", std::string("{\"default\": {"), 104, "load config failed, path = %PATH%",
-       {{kMgr, notJson}}},
-      {"empty file", std::string(), 104, "load config failed, path = %PATH%", {{kMgr, notJson}}},
-      {"queue size missing", Edit("/default/cache/size", nullptr), 105, kTagQueue,
-       {{kMgr, kQueueFailed}}},
-      {"queue size as text", Edit("/default/cache/size", "\"1000\""), 105, kTagQueue,
-       {{kMgr, kQueueFailed}}},
-      {"frequency real", Edit("/default/collect_sdk/frequency", "1.5"), 105, kTagSdk,
-       {{kMgr, kSdkFailed}}},
-      {"hit rate missing", Edit("/default/collect_sdk/hit_rate", nullptr), 105, kTagSdk,
-       {{kMgr, kSdkFailed}}},
-      {"monitors missing", Edit("/default/perf_monitor", nullptr), 105, kTagPerf,
-       {{kMgr, kPerfFailed}}},
-      {"monitors an object", Edit("/default/perf_monitor", "{}"), 105, kTagPerf,
-       {{kMgr, kPerfFailed}}},
-      {"cache under the usual spelling",
-       Edit({{"/default/file/cahce", nullptr}, {"/default/file/cache", "1024"}}), 105, kTagLog,
-       {{kFile, kCachFailed}, {kMgr, kLogFailed}}},
-      {"store path a number", Edit("/default/file/path", "7"), 105, kTagLog,
-       {{kFile, "[CMaintainceLogCfg]::Parse maintaince log path failed."}, {kMgr, kLogFailed}}},
+       {notJson}},
+      {"empty file", std::string(), 104, "load config failed, path = %PATH%", {notJson}},
+      {"queue size missing", Edit({Drop("size")}), 105, kTagQueue, {kQueueFailed}},
+      {"queue size as text", Edit({Set("size", "\"1000\"")}), 105, kTagQueue, {kQueueFailed}},
+      {"frequency real", Edit({Set("frequency", "1.5")}), 105, kTagSdk, {kSdkFailed}},
+      {"hit rate missing", Edit({Drop("hit_rate")}), 105, kTagSdk, {kSdkFailed}},
+      {"monitors missing", Edit({Drop("perf_monitor")}), 105, kTagPerf, {kPerfFailed}},
+      {"monitors an object", Edit({Set("perf_monitor", "{}")}), 105, kTagPerf, {kPerfFailed}},
+      {"cache under the usual spelling", Edit({{"\"cahce\"", "\"cache\""}}), 105, kTagLog,
+       {kCachFailed, kLogFailed}},
+      {"store path a number", Edit({{"\"/srv/default\"", "7"}}), 105, kTagLog,
+       {"[CMaintainceLogCfg]::Parse maintaince log path failed.", kLogFailed}},
       // The clean-up section reuses the log section's texts.
-      {"clean-up day missing", Edit("/default/clearn/day", nullptr), 105, kTagClearn,
-       {{kClearn, kCachFailed}, {kMgr, kLogFailed}}},
-      {"clean-up size real", Edit("/default/clearn/file_size", "1.5"), 105, kTagClearn,
-       {{kClearn, "[CMaintainceLogCfg]::Parse maintaince file size failed."}, {kMgr, kLogFailed}}},
-      {"addition missing", Edit("/addition", nullptr), 105, kTagAddition, {{kMgr, kLogFailed}}},
-      {"addition an array", Edit("/addition", "[]"), 105, kTagAddition, {{kMgr, kLogFailed}}},
-      {"addition without bp_type", Edit("/addition/a/bp_type", nullptr), 105, kTagAddition,
-       {{kMgr, kLogFailed}}},
-      {"addition path a number", Edit("/addition/a/file/path", "1"), 105, kTagAddition,
-       {{kMgr, kLogFailed}}},
-      {"addition size real", Edit("/addition/a/clearn/file_size", "1.5"), 105, kTagAddition,
-       {{kMgr, kLogFailed}}},
+      {"clean-up day missing", Edit({Drop("day")}), 105, kTagClearn, {kCachFailed, kLogFailed}},
+      {"clean-up size real", Edit({{"\"file_size\": 2", "\"file_size\": 1.5"}}), 105, kTagClearn,
+       {"[CMaintainceLogCfg]::Parse maintaince file size failed.", kLogFailed}},
+      {"addition missing", Edit({Drop("addition")}), 105, kTagAddition, {kLogFailed}},
+      {"addition an array", Edit({Set("addition", "[]")}), 105, kTagAddition, {kLogFailed}},
+      {"addition without bp_type", Edit({Drop("bp_type")}), 105, kTagAddition, {kLogFailed}},
+      {"addition path a number", Edit({{"\"/srv/a\"", "1"}}), 105, kTagAddition, {kLogFailed}},
+      {"addition size real", Edit({{"\"file_size\": 5", "\"file_size\": 1.5"}}), 105,
+       kTagAddition, {kLogFailed}},
   };
-
-  for (const LoadCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ReleaseSections();
-    nuvtest::TempDir dir;
-    LoadResult r = LoadText(c.content, dir);
+    const LoadResult r = LoadText(c.content);
     EXPECT_EQ(r.error.code, c.code);
     EXPECT_EQ(r.error.desc, WithPath(c.desc, r.path));
-
-    std::vector<std::pair<std::string, std::string>> errors;
-    std::vector<std::string> info;
-    for (const LogLine& line : r.log) {
-      if (line.level == "ERROR") errors.emplace_back(line.source, line.message);
-      if (line.level == "INFO" && line.source == kMgr) info.push_back(line.message);
+    std::vector<std::string> errors, info, expected;
+    for (const std::string& line : r.log) {
+      if (line.rfind("[ERROR] ", 0) == 0) errors.push_back(line.substr(8));
+      if (line.rfind("[INFO] [ConfigMgr]", 0) == 0) info.push_back(line.substr(7));
     }
-    std::vector<std::pair<std::string, std::string>> expected;
-    for (const auto& e : c.errors) expected.emplace_back(e.first, WithPath(e.second, r.path));
+    for (const std::string& e : c.errors) expected.push_back(WithPath(e, r.path));
     EXPECT_EQ(errors, expected);
-    std::vector<std::string> expectedInfo = {"[ConfigMgr]::LoadConfig start."};
-    if (c.code == 0) expectedInfo.push_back("[ConfigMgr]::LoadConfig success.");
-    EXPECT_EQ(info, expectedInfo);
-
+    expected = {"[ConfigMgr]::LoadConfig start."};
+    if (c.code == 0) expected.push_back("[ConfigMgr]::LoadConfig success.");
+    EXPECT_EQ(info, expected);
     // Sections before the failing one keep what they read; nothing is rolled back.
     if (c.code == 105 && c.desc != kTagQueue) {
       EXPECT_EQ(CMessageQueueCfg::GetInstance()->GetQueueSize(), 1000);
@@ -274,10 +204,9 @@ TEST_F(ConfigTest, ValuesReachTheirSections) {
   EXPECT_EQ(CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath(), "/srv/default");
   EXPECT_EQ(CClearnCfg::GetInstance()->GetTimeInterval(), 3);
   EXPECT_EQ(CClearnCfg::GetInstance()->GetLimitFileSize(), 2 * kMiB);
-}
 
-TEST_F(ConfigTest, EmptyMonitorArrayIsValid) {
-  LoadOk(Edit("/default/perf_monitor", "[]"));
+  ReleaseSections();
+  LoadOk(Edit({Set("perf_monitor", "[]")}));
   EXPECT_TRUE(CPerforMonitorCfg::GetInstance()->GetMonitor().empty());
 }
 
@@ -295,7 +224,7 @@ TEST_F(ConfigTest, StorePathIsMadeAbsoluteAgainstTheExecutable) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.given);
     ReleaseSections();
-    LoadOk(Edit("/default/file/path", c.given));
+    LoadOk(Edit({{"\"/srv/default\"", c.given}}));
     EXPECT_EQ(CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath(), c.expected);
     // A type without an addition entry is stored under the same directory.
     EXPECT_EQ(CAdditionCtrlor::GetInstance()->GetFilePath(4242), c.expected);
@@ -304,10 +233,8 @@ TEST_F(ConfigTest, StorePathIsMadeAbsoluteAgainstTheExecutable) {
 
 TEST_F(ConfigTest, CleanUpLimitsConvertAndFallBack) {
   const struct {
-    const char* day;
-    const char* size;
-    int interval;
-    int limit;
+    const char *day, *size;
+    int interval, limit;
   } cases[] = {
       {"0", "0", 7, 10 * kMiB},
       {"-1", "-2048", 7, 10 * kMiB},  // -2048 MiB is exactly INT32_MIN bytes
@@ -317,7 +244,8 @@ TEST_F(ConfigTest, CleanUpLimitsConvertAndFallBack) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.day) + " days, " + c.size + " MiB");
     ReleaseSections();
-    LoadOk(Edit({{"/default/clearn/day", c.day}, {"/default/clearn/file_size", c.size}}));
+    LoadOk(Edit({{"\"day\": 3", std::string("\"day\": ") + c.day},
+                 {"\"file_size\": 2", std::string("\"file_size\": ") + c.size}}));
     EXPECT_EQ(CClearnCfg::GetInstance()->GetTimeInterval(), c.interval);
     EXPECT_EQ(CClearnCfg::GetInstance()->GetLimitFileSize(), c.limit);
   }
@@ -325,22 +253,18 @@ TEST_F(ConfigTest, CleanUpLimitsConvertAndFallBack) {
 
 TEST_F(ConfigTest, AdditionEntriesOverrideDefaultsPerType) {
   const std::string exeDir = ExeDir();
-  LoadOk(Edit({{"/default/clearn/day", "0"},
-               {"/default/clearn/file_size", "0"},
-               {"/addition",
-                R"({"perf": {"file": {"path": "perf", "cache": 50},
+  LoadOk(Edit({{"\"day\": 3", "\"day\": 0"},
+               {"\"file_size\": 2", "\"file_size\": 0"},
+               Set("addition", R"({"perf": {"file": {"path": "perf", "cache": 50},
                              "clearn": {"day": 0, "file_size": 3}, "bp_type": 100},
                     "first": {"file": {"path": "/srv/one", "cache": 1},
                               "clearn": {"day": 1, "file_size": 1}, "bp_type": 8192},
                     "second": {"file": {"path": "/srv/two", "cache": 2},
-                               "clearn": {"day": 2, "file_size": 0}, "bp_type": 8192}})"}}));
-
+                               "clearn": {"day": 2, "file_size": 0}, "bp_type": 8192}})")}));
   const struct {
     int type;
     std::string path;
-    int size;
-    int day;
-    int cache;
+    int size, day, cache;
   } cases[] = {
       // Stored values are returned as they are: no fallback for 0 in an entry.
       {100, exeDir + "/perf", 3 * kMiB, 0, 50},
@@ -358,9 +282,8 @@ TEST_F(ConfigTest, AdditionEntriesOverrideDefaultsPerType) {
     EXPECT_EQ(addition->GetClearnDay(c.type), c.day);
     EXPECT_EQ(addition->GetFileCache(c.type), c.cache);
   }
-
   // A second load that no longer lists a type keeps its entry.
-  LoadOk(Edit("/addition", "{}"));
+  LoadOk(Edit({Set("addition", "{}")}));
   EXPECT_EQ(addition->GetFilePath(100), exeDir + "/perf");
   EXPECT_EQ(addition->GetFileSize(8192), 0);
 }
@@ -371,7 +294,6 @@ TEST_F(ConfigTest, ShippedConfigurationLoadsFromBesideTheExecutable) {
   CError error = mgr.LoadConfig();
   ASSERT_EQ(error.code, 0) << error.desc << " (" << mgr.GetPath() << ")";
   EXPECT_EQ(mgr.GetPath(), ExeDir() + "/../config/maintenance.json");
-
   const std::string store = ParentDir(ExeDir()) + "/data";
   EXPECT_EQ(CCollectSdkCfg::GetInstance()->GetCollectFrequency(), 5);
   EXPECT_EQ(CCollectSdkCfg::GetInstance()->GetMonitorType(), 31);
@@ -389,22 +311,13 @@ using ConfigDeathTest = ConfigTest;
 
 TEST_F(ConfigDeathTest, SizeBeyond32BitsAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::pair<const char*, const char*> cases[] = {
-      {"/default/clearn/file_size", "2048"},
-      {"/default/clearn/file_size", "-2049"},
-      {"/addition/a/clearn/file_size", "2048"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.first) + " = " + c.second);
+  for (const auto& [from, to] : Edits{{"\"file_size\": 2", "\"file_size\": 2048"},
+                                      {"\"file_size\": 2", "\"file_size\": -2049"},
+                                      {"\"file_size\": 5", "\"file_size\": 2048"}}) {
+    SCOPED_TRACE(from + " -> " + to);
     nuvtest::TempDir dir;
-    const std::string path = dir.Sub("maintenance.json");
-    ASSERT_TRUE(nuvtest::WriteFile(path, EditJson(kBase, c.first, c.second)));
-    EXPECT_DEATH(
-        {
-          ConfigMgr mgr;
-          mgr.LoadConfig(path);
-        },
-        "");
+    ASSERT_TRUE(nuvtest::WriteFile(dir.Sub("maintenance.json"), Edit({{from, to}})));
+    EXPECT_DEATH(ConfigMgr().LoadConfig(dir.Sub("maintenance.json")), "");
   }
 }
 

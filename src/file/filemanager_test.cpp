@@ -3,28 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "file/file_test_support.h"
 
 namespace {
 
-using filetest::ClockAt;
+using filetest::Classify;
 using Records = std::vector<std::string>;
 
 class FileManagerTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(filetest::LoadStoreConfig(root_).IsSuccess()); }
-
-  static CFileClassify Classify(const std::string& name, unsigned int pid, unsigned int type) {
-    CFileClassify classify;
-    EXPECT_TRUE(classify.InitFileClassify(name, pid, type));
-    return classify;
-  }
 
   // The files of `streams` as the walk names them: sorted, without the doubled separator.
   static Records WalkedFiles(const std::vector<CFileClassify>& streams) {
@@ -42,7 +35,7 @@ class FileManagerTest : public ::testing::Test {
   CFileManager manager_;
 };
 
-TEST_F(FileManagerTest, ClassificationsOfOneStreamShareItsUnit) {
+TEST_F(FileManagerTest, StreamsShareAUnitOpenOnFirstUseAndReopenAfterClose) {
   CFileClassify morning = Classify("proc", 5, 256);
   CFileClassify evening = Classify("proc", 5, 256);
   CFileClassify otherPid = Classify("proc", 6, 256);
@@ -52,7 +45,10 @@ TEST_F(FileManagerTest, ClassificationsOfOneStreamShareItsUnit) {
   EXPECT_NE(manager_.FindAndInsert(otherPid), unit);
 
   ASSERT_TRUE(manager_.WriteFile(morning, "one").IsSuccess());
+  manager_.CloseFile(evening);  // closing flushes; the files stay
+  EXPECT_EQ(nuvtest::ReadFile(morning.GetContentPath()), "one");
   ASSERT_TRUE(manager_.WriteFile(evening, "two").IsSuccess());
+  manager_.Delete(morning);
   manager_.FileUnitsFlush();
   Records all;
   EXPECT_EQ(manager_.ReadALLFile(morning, all).code, 209);
@@ -60,53 +56,18 @@ TEST_F(FileManagerTest, ClassificationsOfOneStreamShareItsUnit) {
   std::string out;
   EXPECT_EQ(manager_.ReadFile(evening, 2, out).code, 209);
   EXPECT_EQ(out, "two");
-  unsigned int next = 0;
-  Records batch;
-  EXPECT_EQ(manager_.ReadBatchFile(evening, 1, 1, next, batch).code, 0);
-  EXPECT_EQ(batch, Records{"one"});
-  EXPECT_EQ(next, 2u);
-}
-
-TEST_F(FileManagerTest, UnusableClassificationCreatesNothing) {
-  CFileClassify unnamed;
-  CFileClassify untyped;
-  EXPECT_FALSE(unnamed.InitFileClassify("", 1, 256));
-  EXPECT_FALSE(untyped.InitFileClassify("proc", 1, 0));
-  for (CFileClassify* classify : {&unnamed, &untyped}) {
-    EXPECT_EQ(manager_.WriteFile(*classify, "record").desc,
-              "parameters invalid, file classify invalid.");
-    Records all;
-    EXPECT_EQ(manager_.ReadALLFile(*classify, all).code, 102);
-  }
-  Records files;
-  EXPECT_EQ(manager_.EnumAllFiles(files, 256).desc,
-            "file find fail path = " + filetest::LogDir(root_) + " ");
-}
-
-TEST_F(FileManagerTest, StreamsOpenOnFirstUseAndReopenAfterClose) {
   CFileClassify quiet = Classify("quiet", 1, 256);
-  std::string out;
   EXPECT_EQ(manager_.ReadFile(quiet, 1, out).code, 204);  // opened empty, then read
-  Records files;
-  ASSERT_TRUE(manager_.EnumAllFiles(files, 256).IsSuccess());
-  EXPECT_EQ(files, WalkedFiles({quiet}));
-
-  CFileClassify classify = Classify("proc", 1, 256);
-  CFileClassify unknown = Classify("never", 1, 256);
-  manager_.CloseFile(unknown);  // nothing to do
-  ASSERT_TRUE(manager_.WriteFile(classify, "one").IsSuccess());
-  manager_.CloseFile(classify);  // closing flushes; the files stay
-  EXPECT_EQ(nuvtest::ReadFile(classify.GetContentPath()), "one");
-  ASSERT_TRUE(manager_.WriteFile(classify, "two").IsSuccess());
-  manager_.Delete(classify);
-  Records all;
-  EXPECT_EQ(manager_.ReadALLFile(classify, all).code, 209);
-  EXPECT_EQ(all, (Records{"one", "two"}));
 }
 
 TEST_F(FileManagerTest, EnumerationsBySuffixTypeAndDay) {
   const std::string logDir = filetest::LogDir(root_);
-  ClockAt clock(2024, 2, 28);
+  Records files;
+  CFileClassify unusable;  // what a failed classification leaves: refused, creates nothing
+  EXPECT_EQ(manager_.WriteFile(unusable, "record").code, 102);
+  EXPECT_EQ(manager_.ReadALLFile(unusable, files).code, 102);
+  EXPECT_EQ(manager_.EnumAllFiles(files, 256).code, 210);
+  filetest::ClockAt clock(2024, 2, 28);
   CFileClassify a = Classify("a", 1, 256);
   CFileClassify perf = Classify("p", 2, 100);
   ASSERT_TRUE(manager_.WriteFile(a, "x").IsSuccess());
@@ -120,38 +81,22 @@ TEST_F(FileManagerTest, EnumerationsBySuffixTypeAndDay) {
     ASSERT_TRUE(nuvtest::WriteFile(logDir + stray, "z"));
   }
 
-  const auto bySuffix = [&](Records& out) { return manager_.EnumFilesBySuffix(out, ".tgz", 256); };
-  const auto all = [&](Records& out) { return manager_.EnumAllFiles(out, 256); };
-  const auto type100 = [&](Records& out) { return manager_.EnumFilesByType(100, out); };
-  const auto typeSmall = [&](Records& out) {
-    return manager_.EnumFilesByType(filetest::kSmallType, out);
-  };
-  const auto day28 = [&](Records& out) { return manager_.EnumFilesByTime("20240228", out, 256); };
-  const auto day29 = [&](Records& out) { return manager_.EnumFilesByTime("20240229", out, 256); };
-  const struct {
-    const char* what;
-    std::function<CError(Records&)> enumerate;
-    Records expected;
-  } cases[] = {
-      {"suffix", bySuffix, {logDir + "/20240227.tgz", logDir + "/a.tgz.old"}},
-      {"all", all, WalkedFiles({a, perf, b})},
-      {"type 100", type100, WalkedFiles({perf})},
-      {"own type", typeSmall, WalkedFiles({small})},
-      {"day 28", day28, WalkedFiles({a, perf})},
-      {"day 29", day29, WalkedFiles({b})},
-  };
-  for (const auto& c : cases) {
-    Records files;
-    EXPECT_TRUE(c.enumerate(files).IsSuccess()) << c.what;
+  // Each enumeration fills `files`: compared sorted, then emptied for the next.
+  const auto found = [&files](const CError& result) {
+    EXPECT_TRUE(result.IsSuccess()) << result.desc;
     std::sort(files.begin(), files.end());
-    EXPECT_EQ(files, c.expected) << c.what;
-  }
-
-  Records files;
-  EXPECT_EQ(manager_.EnumFilesByType(0, files).desc, "parameters invalid, type = 0");
-  EXPECT_EQ(manager_.EnumFilesByTime("2024022", files, 256).desc, "parameters invalid, 2024022");
-  EXPECT_EQ(manager_.EnumFilesByTime("20240301", files, 256).desc,
-            "file find empty path = " + logDir + " ");
+    return std::exchange(files, {});
+  };
+  EXPECT_EQ(found(manager_.EnumFilesBySuffix(files, ".tgz", 256)),
+            (Records{logDir + "/20240227.tgz", logDir + "/a.tgz.old"}));
+  EXPECT_EQ(found(manager_.EnumAllFiles(files, 256)), WalkedFiles({a, perf, b}));
+  EXPECT_EQ(found(manager_.EnumFilesByType(100, files)), WalkedFiles({perf}));
+  EXPECT_EQ(found(manager_.EnumFilesByType(filetest::kSmallType, files)), WalkedFiles({small}));
+  EXPECT_EQ(found(manager_.EnumFilesByTime("20240228", files, 256)), WalkedFiles({a, perf}));
+  EXPECT_EQ(found(manager_.EnumFilesByTime("20240229", files, 256)), WalkedFiles({b}));
+  EXPECT_EQ(manager_.EnumFilesByType(0, files).code, 102);
+  EXPECT_EQ(manager_.EnumFilesByTime("2024022", files, 256).code, 102);
+  EXPECT_EQ(manager_.EnumFilesByTime("20240301", files, 256).code, 211);
   EXPECT_EQ(manager_.EnumFilesBySuffix(files, ".zip", 256).code, 211);
   Records carried = {"kept"};  // emptiness is judged on the whole output
   EXPECT_TRUE(manager_.EnumFilesBySuffix(carried, ".zip", 256).IsSuccess());
@@ -160,15 +105,13 @@ TEST_F(FileManagerTest, EnumerationsBySuffixTypeAndDay) {
 TEST_F(FileManagerTest, ConcurrentWritersLoseNoRecord) {
   constexpr int kThreads = 4;
   constexpr int kRecords = 300;
-  const auto recordOf = [](int t, int i) {
-    return "t" + std::to_string(t) + "-" + std::to_string(i);
-  };
+  const auto recordOf = [](int t, int i) { return std::to_string(t) + "-" + std::to_string(i); };
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
+      // A stream shared by every thread and one of its own, each through a fresh
+      // classification as producers do.
       for (int i = 0; i < kRecords; ++i) {
-        // A stream shared by every thread and one of its own, each through a fresh
-        // classification as producers do.
         CFileClassify shared = Classify("shared", 1, 256);
         CFileClassify own = Classify("own" + std::to_string(t), 1, 256);
         EXPECT_TRUE(manager_.WriteFile(shared, recordOf(t, i)).IsSuccess());
@@ -177,13 +120,9 @@ TEST_F(FileManagerTest, ConcurrentWritersLoseNoRecord) {
     });
   }
   threads.emplace_back([this] {
-    for (int i = 0; i < 200; ++i) {
-      manager_.FileUnitsFlush();
-    }
+    for (int i = 0; i < 200; ++i) manager_.FileUnitsFlush();
   });
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  for (std::thread& thread : threads) thread.join();
   manager_.FileUnitsFlush();
 
   Records shared;
@@ -191,19 +130,15 @@ TEST_F(FileManagerTest, ConcurrentWritersLoseNoRecord) {
   ASSERT_EQ(manager_.ReadALLFile(sharedStream, shared).code, 209);
   ASSERT_EQ(shared.size(), static_cast<size_t>(kThreads * kRecords));
   for (int t = 0; t < kThreads; ++t) {
-    Records expected;
-    for (int i = 0; i < kRecords; ++i) {
-      expected.push_back(recordOf(t, i));
-    }
-    Records own;
+    Records expected, own, mine;
+    for (int i = 0; i < kRecords; ++i) expected.push_back(recordOf(t, i));
     CFileClassify ownStream = Classify("own" + std::to_string(t), 1, 256);
     ASSERT_EQ(manager_.ReadALLFile(ownStream, own).code, 209);
     EXPECT_EQ(own, expected);
     // In the shared stream each thread's records appear whole and in their order.
-    Records mine;
-    std::copy_if(shared.begin(), shared.end(), std::back_inserter(mine), [t](const std::string& r) {
-      return r.rfind("t" + std::to_string(t) + "-", 0) == 0;
-    });
+    for (const std::string& r : shared) {
+      if (r.rfind(std::to_string(t) + "-", 0) == 0) mine.push_back(r);
+    }
     EXPECT_EQ(mine, expected);
   }
 }

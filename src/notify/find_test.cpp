@@ -2,8 +2,6 @@
 #include "notify/find.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,21 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "common/utils.h"
-#include "testutil/testutil.h"
+#include "file/file_test_support.h"
 
 namespace {
 
-// Runs `exe 60` (spawning returns once the exec is done); killed and reaped on destruction.
-struct Sleeper {
-  explicit Sleeper(const std::string& exe)
-      : pid(nuvtest::Spawn({exe, "60"}, {}, "", "/dev/null", "/dev/null")) {}
-  ~Sleeper() {
-    if (pid > 0 && kill(pid, SIGKILL) == 0) nuvtest::WaitExit(pid);
-  }
-  unsigned int id() const { return static_cast<unsigned int>(pid); }
-  int pid;
-};
+using filetest::Sleeper;
+using Pids = std::vector<unsigned int>;
 
 TEST(ProcessFinder, MatchesExactLowerCasedImagePathsOfItsSnapshot) {
   nuvtest::TempDir dir;
@@ -33,27 +22,19 @@ TEST(ProcessFinder, MatchesExactLowerCasedImagePathsOfItsSnapshot) {
   // second name extends the first, so a prefix match would show.
   const std::string exe =
       std::filesystem::canonical(dir.path()).string() + "/NuvFind" + std::to_string(getpid());
-  const std::string other = exe + "X";
-  for (const std::string& path : {exe, other}) {
-    ASSERT_TRUE(nuvtest::WriteFile(path, nuvtest::ReadFile("/bin/sleep")));
-    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-  }
-  Sleeper a(exe), b(exe), c(other);
+  Sleeper a(exe), b(exe), c(exe + "X");
   ASSERT_TRUE(a.pid > 0 && b.pid > 0 && c.pid > 0);
   CProcessFinder finder;
   Sleeper late(exe);  // after the snapshot
   ASSERT_GT(late.pid, 0);
 
-  std::string image = exe, otherImage = other;
-  CorrectLowerString(image);
-  CorrectLowerString(otherImage);
-  std::vector<unsigned int> pids = {1, 2, 3};
+  std::string image = a.image, otherImage = c.image;
+  Pids pids = {1, 2, 3};
   ASSERT_TRUE(finder.FindProcess(image, pids));
   // In snapshot order, which is ascending pid order.
-  EXPECT_EQ(pids, (std::vector<unsigned int>{std::min(a.id(), b.id()), std::max(a.id(), b.id())}));
+  EXPECT_EQ(pids, (Pids{std::min(a.id(), b.id()), std::max(a.id(), b.id())}));
   ASSERT_TRUE(finder.FindProcess(otherImage, pids));
-  EXPECT_EQ(pids, std::vector<unsigned int>{c.id()});
-
+  EXPECT_EQ(pids, Pids{c.id()});
   // Exact bytes only: the real mixed-case path, a prefix, padded paths.
   for (std::string miss : {exe, image.substr(0, image.size() - 1), " " + image, image + " "}) {
     pids = {7};

@@ -15,7 +15,7 @@
 #include "config/config_collect.h"
 #include "nuv_comm.h"
 #include "testutil/testutil.h"
-#include "worker/worker_test_support.h"
+#include "testutil/testutil.h"
 
 namespace {
 
@@ -93,7 +93,7 @@ TEST(CWorkerManager, RefusedParameters) {
   bad.condition = "C>80";
   CWorker worker;
   std::vector<CError> errors;
-  const std::vector<std::string> lines = workertest::CaptureMessages([&] {
+  const std::vector<std::string> lines = nuvtest::CaptureMessages([&] {
     errors = {manager.CreateWorker(Monitor("a", "system", 0), nullptr),
               manager.InsertWorker(nullptr), manager.CreateWorker(bad, &worker),
               Add(manager, Monitor("o", "system", 0, "missing"))};

@@ -147,4 +147,15 @@ int WaitExit(int pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+std::string Message(const std::string& line) {
+  const size_t level = line.find('\t');
+  const size_t tag = line.find("\t[ZOR]", level + 1);
+  const size_t message = line.find(")] ", tag);
+  if (line.rfind("[PID:", 0) != 0 || level == std::string::npos || tag == std::string::npos ||
+      message == std::string::npos) {
+    return line;
+  }
+  return line.substr(level + 1, tag - level - 1) + " " + line.substr(message + 3);
+}
+
 }  // namespace nuvtest

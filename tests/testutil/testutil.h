@@ -50,6 +50,46 @@ int Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& 
 // Waits for `pid`: its exit status, or 128 + the signal that ended it; -1 when it cannot wait.
 int WaitExit(int pid);
 
+// A platform log line reduced to "[LEVEL] message": the "[PID:...]\t", the "\t[ZOR]" tag and
+// the "[file(line)] " source are dropped. A line without that shape is returned whole.
+std::string Message(const std::string& line);
+
 }  // namespace nuvtest
+
+// Only for targets that see the platform headers (not testutil.cpp itself).
+#if __has_include("nuv_log.h")
+#include "nuv_log.h"
+
+namespace nuvtest {
+
+// The lines the platform log writes to a fresh file at threshold `level` while `emit` runs.
+template <typename Fn>
+std::vector<std::string> CaptureLog(Fn emit, int level = NUV_LOG_DEBUG) {
+  TempDir dir;
+  const std::string path = dir.Sub("zor.log");
+  nuv_log_set_file(path.c_str());
+  const int oldLevel = nuv_log_get_level();
+  nuv_log_set_level(level);
+  const int started = nuv_log_start(0);
+  emit();
+  nuv_log_stop();
+  nuv_log_set_level(oldLevel);
+  nuv_log_set_file(nullptr);
+  std::vector<std::string> lines = ReadLines(path);
+  if (started != 0) lines.insert(lines.begin(), "nuv_log_start failed");
+  return lines;
+}
+
+// CaptureLog's lines, each reduced by Message.
+template <typename Fn>
+std::vector<std::string> CaptureMessages(Fn emit) {
+  std::vector<std::string> out;
+  for (const std::string& line : CaptureLog(emit)) out.push_back(Message(line));
+  return out;
+}
+
+}  // namespace nuvtest
+
+#endif  // __has_include("nuv_log.h")
 
 #endif
