@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "nuv_log.h"
+
 namespace nuvtest {
 
 // A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
@@ -54,13 +56,6 @@ int WaitExit(int pid);
 // the "[file(line)] " source are dropped. A line without that shape is returned whole.
 std::string Message(const std::string& line);
 
-}  // namespace nuvtest
-
-// Only for targets that see the platform headers (not testutil.cpp itself).
-#if __has_include("nuv_log.h")
-#include "nuv_log.h"
-
-namespace nuvtest {
 
 // The lines the platform log writes to a fresh file at threshold `level` while `emit` runs.
 template <typename Fn>
@@ -89,7 +84,5 @@ std::vector<std::string> CaptureMessages(Fn emit) {
 }
 
 }  // namespace nuvtest
-
-#endif  // __has_include("nuv_log.h")
 
 #endif
