@@ -1,16 +1,19 @@
 /* Second process for the bus tests.
  *
  *   comm_peer serve <topic>                 serves the topic; prints "ready" (or "fail <code>"),
- *                                           runs until stdin closes, then prints "count <n>"
+ *                                           runs until SIGTERM (also sent when its parent
+ *                                           dies), then prints "count <n>"
  *   comm_peer post <topic> <n> <prefix>     posts "<prefix>-<i>" n times; exit 0 when every
  *                                           result is the served hash of its message
  *
  * Served results: "ret:<number>" returns that number; "block" prints "busy" and never returns;
  * anything else returns the 32-bit FNV-1a hash of the bytes. */
+#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include "nuv_comm.h"
@@ -39,6 +42,11 @@ static int handler(comm_data *request, comm_data *reply, void *user) {
 }
 
 static int serve(const char *topic) {
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  sigprocmask(SIG_BLOCK, &term, NULL); /* before the bus threads, which inherit the mask */
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
   nuv_comm_init();
   int rc = nuv_comm_register(topic, handler, NULL);
   if (rc != 0) {
@@ -46,9 +54,8 @@ static int serve(const char *topic) {
     return 1;
   }
   dprintf(1, "ready\n");
-  char buf[64];
-  while (read(0, buf, sizeof buf) > 0) {
-  }
+  int sig;
+  sigwait(&term, &sig);
   dprintf(1, "count %lu\n", __atomic_load_n(&g_count, __ATOMIC_RELAXED));
   rc = nuv_comm_unregister(topic);
   nuv_comm_uninit();

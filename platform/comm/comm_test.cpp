@@ -1,10 +1,6 @@
 // The message bus, with real second processes (comm_peer, or fork) and real sockets.
-#include <dirent.h>
-#include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,10 +12,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "nuv_comm.h"
@@ -29,7 +25,7 @@ extern char** environ;
 
 namespace {
 
-using Env = std::vector<std::pair<std::string, std::string>>;
+using namespace std::chrono_literals;
 
 uint32_t Fnv1a(const std::string& s) {
   uint32_t h = 2166136261u;
@@ -37,170 +33,111 @@ uint32_t Fnv1a(const std::string& s) {
   return h;
 }
 
-// One user of the bus with its own socket directory; `env` knobs apply to this process only.
+// One user of the bus with its own socket directory.
 class Bus {
  public:
-  explicit Bus(const Env& env = {}) : dir_(tmp_.Sub("bus")) {
+  Bus() {
     setenv("NUV_COMM_DIR", dir_.c_str(), 1);
-    for (auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
     nuv_comm_set_timeout_ms(0);
     EXPECT_EQ(nuv_comm_init(), 0);
-    for (auto& kv : env) unsetenv(kv.first.c_str());
   }
   ~Bus() {
     nuv_comm_set_timeout_ms(0);
     EXPECT_EQ(nuv_comm_uninit(), 0);
     unsetenv("NUV_COMM_DIR");
   }
-  const std::string& dir() const { return dir_; }
-  const std::string& root() const { return tmp_.path(); }
   std::string Path(const std::string& topic) const { return dir_ + "/" + topic; }
-
- private:
-  nuvtest::TempDir tmp_;
-  std::string dir_;
+  nuvtest::TempDir tmp;
+  const std::string dir_ = tmp.Sub("bus");
 };
 
 int Post(const std::string& topic, const std::string& msg) {
   comm_data* d = nuv_comm_new_data(msg.data(), static_cast<unsigned int>(msg.size()));
-  if (!d) {
-    ADD_FAILURE() << "nuv_comm_new_data";
-    return -1;
-  }
   int r = nuv_comm_post(topic.c_str(), d);
   nuv_comm_delete_data(d);
   return r;
 }
 
-// Remembers what a topic was sent; answers with the hash of the message.
+// Counts its calls and answers with the hash of the message.
 struct Recorder {
-  std::mutex mu;
-  std::vector<std::string> seen;
-  std::thread::id thread;
   std::atomic<int> calls{0};
-
+  std::atomic<std::thread::id> thread;
   static int Handle(comm_data* request, comm_data*, void* user) {
     auto* self = static_cast<Recorder*>(user);
     void* p = nullptr;
     unsigned int n = 0;
     if (nuv_comm_get_data(request, &p, &n) != 0) return -1;
-    std::string msg(static_cast<char*>(p), n);
-    {
-      std::lock_guard<std::mutex> lock(self->mu);
-      self->seen.push_back(msg);
-      self->thread = std::this_thread::get_id();
-    }
+    self->thread = std::this_thread::get_id();
     ++self->calls;
-    return static_cast<int>(Fnv1a(msg));
+    return static_cast<int>(Fnv1a(std::string(static_cast<char*>(p), n)));
   }
 };
 
-// comm_peer in a child process, its stdin and stdout on pipes.
+// comm_peer in a child process, its output in a file; `env` comes before ours, so it wins.
 class Peer {
  public:
-  explicit Peer(const std::vector<std::string>& args, const Env& env = {}) {
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
-      ADD_FAILURE() << "pipe2";
-      return;
-    }
-    std::vector<std::string> envs;
-    for (auto& kv : env) envs.push_back(kv.first + "=" + kv.second);
-    std::vector<char*> envp;
-    for (auto& s : envs) envp.push_back(const_cast<char*>(s.c_str()));  // first wins
-    for (char** e = environ; *e; ++e) envp.push_back(*e);
-    envp.push_back(nullptr);
-    std::vector<char*> argv{const_cast<char*>(COMM_PEER_PATH)};
-    for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in[0], 0);
-    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-    int rc = posix_spawn(&pid_, COMM_PEER_PATH, &fa, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&fa);
-    close(in[0]);
-    close(out[1]);
-    to_ = in[1];
-    from_ = out[0];
-    if (rc != 0) {
-      ADD_FAILURE() << "posix_spawn: " << strerror(rc);
-      pid_ = -1;
-    }
+  explicit Peer(std::vector<std::string> args, std::vector<std::string> env = {}) {
+    for (char** e = environ; *e; ++e) env.push_back(*e);
+    args.insert(args.begin(), COMM_PEER_PATH);
+    pid_ = nuvtest::Spawn(args, env, "", dir_.Sub("out"), dir_.Sub("err"));
+    EXPECT_GT(pid_, 0);
   }
   ~Peer() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Reap();
-    }
-    if (to_ >= 0) close(to_);
-    if (from_ >= 0) close(from_);
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    Reap();
   }
-
-  // One line of output without its line feed; "" at end of output or after 20 s.
-  std::string ReadLine() {
-    std::string line;
-    for (;;) {
-      struct pollfd p = {from_, POLLIN, 0};
-      if (poll(&p, 1, 20000) <= 0) return "";
-      char c;
-      if (read(from_, &c, 1) != 1) return "";
-      if (c == '\n') return line;
-      line += c;
+  // Waits up to 20 s for `line` among its output lines.
+  bool Said(const std::string& line) {
+    for (int i = 0; i < 2000; ++i) {
+      if (("\n" + nuvtest::ReadFile(dir_.Sub("out"))).find("\n" + line + "\n") != std::string::npos)
+        return true;
+      std::this_thread::sleep_for(10ms);
     }
+    return false;
   }
   void Signal(int sig) { kill(pid_, sig); }
-  // Stops the process and returns once every thread of it is stopped.
-  bool Stop() {
+  bool Stop() {  // returns once every thread of it is stopped
     kill(pid_, SIGSTOP);
     int status = 0;
-    while (waitpid(pid_, &status, WUNTRACED) < 0 && errno == EINTR) {
-    }
-    return WIFSTOPPED(status);
+    return waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
   }
-  // Exit status, or -1 when it did not exit normally.
   int Reap() {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    int rc = nuvtest::WaitExit(pid_);
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return rc;
   }
-  // Closes the server's stdin and returns the count of messages it handled (-1 on failure).
+  // Ends a server: the count of messages it handled, or -1.
   int FinishServing() {
-    close(to_);
-    to_ = -1;
-    std::string line = ReadLine();
+    Signal(SIGTERM);
     EXPECT_EQ(Reap(), 0);
-    return line.rfind("count ", 0) == 0 ? std::stoi(line.substr(6)) : -1;
+    std::string out = nuvtest::ReadFile(dir_.Sub("out"));
+    size_t at = out.find("count ");
+    return at == std::string::npos ? -1 : std::stoi(out.substr(at + 6));
   }
 
  private:
-  pid_t pid_ = -1;
-  int to_ = -1, from_ = -1;
+  nuvtest::TempDir dir_;
+  int pid_ = -1;
 };
 
 // ---- a client that speaks the wire format by hand ----
 
 int RawConnect(const std::string& path) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
   struct timeval tv = {10, 0};  // no test hangs on a silent server
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   struct sockaddr_un sa = {};
   sa.sun_family = AF_UNIX;
   snprintf(sa.sun_path, sizeof sa.sun_path, "%s", path.c_str());
-  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) return fd;
+  close(fd);
+  return -1;
 }
 
-std::string Le32(uint32_t v) {
-  char b[4] = {char(v), char(v >> 8), char(v >> 16), char(v >> 24)};
-  return std::string(b, 4);
-}
+std::string Le32(uint32_t v) { return {char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; }
+
+// The reply frame of a topic answering `result`.
+std::string Reply(uint32_t result) { return Le32(4) + Le32(result); }
 
 bool SendRaw(int fd, const std::string& bytes) {
   return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == ssize_t(bytes.size());
@@ -219,22 +156,9 @@ std::string RecvRaw(int fd, size_t n) {
   return out;
 }
 
-// Sends one frame and returns the whole reply frame ("" when the server closed instead).
+// Sends one frame and returns the reply frame ("" when the server closed instead).
 std::string RawExchange(int fd, const std::string& msg) {
-  if (!SendRaw(fd, Le32(uint32_t(msg.size())) + msg)) return "";
-  return RecvRaw(fd, 8);
-}
-
-std::vector<std::string> DirEntries(const std::string& dir) {
-  std::vector<std::string> out;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      std::string name = e->d_name;
-      if (name != "." && name != "..") out.push_back(name);
-    }
-    closedir(d);
-  }
-  return out;
+  return SendRaw(fd, Le32(uint32_t(msg.size())) + msg) ? RecvRaw(fd, 8) : "";
 }
 
 bool IsSocket(const std::string& path) {
@@ -244,105 +168,75 @@ bool IsSocket(const std::string& path) {
 
 // ---- tests ----
 
-TEST(CommData, HoldsACopyAndRefusesBadArguments) {
+TEST(CommLocal, CountedInitRegistryAndData) {
   char text[] = {'a', '\0', 'b'};
   comm_data* d = nuv_comm_new_data(text, 3);
   ASSERT_NE(d, nullptr);
-  text[0] = 'z';
+  text[0] = 'z';  // the data holds a terminated copy
   void* p = nullptr;
   unsigned int n = 0;
   ASSERT_EQ(nuv_comm_get_data(d, &p, &n), 0);
   EXPECT_EQ(std::string(static_cast<char*>(p), n + 1), std::string("a\0b\0", 4));
   EXPECT_EQ(nuv_comm_get_data(d, nullptr, &n), NUV_COMM_E_INVAL);
-  EXPECT_EQ(nuv_comm_get_data(nullptr, &p, &n), NUV_COMM_E_INVAL);
   EXPECT_EQ(nuv_comm_new_data(nullptr, 5), nullptr);
   nuv_comm_delete_data(d);
-}
 
-TEST(CommLifecycle, InitIsCountedAndTheLastUninitTakesTopicsDown) {
   nuvtest::TempDir tmp;
   std::string dir = tmp.Sub("nested/bus");
   Recorder rec;
-  EXPECT_EQ(nuv_comm_uninit(), NUV_COMM_E_NOINIT);
   EXPECT_EQ(nuv_comm_register("life", Recorder::Handle, &rec), NUV_COMM_E_NOINIT);
   EXPECT_EQ(Post("life", "x"), NUV_COMM_E_NOINIT);
-  EXPECT_EQ(nuv_comm_unregister("life"), NUV_COMM_E_NOINIT);
-
   setenv("NUV_COMM_DIR", dir.c_str(), 1);
   ASSERT_EQ(nuv_comm_init(), 0);
   ASSERT_EQ(nuv_comm_init(), 0);
   ASSERT_EQ(nuv_comm_register("life", Recorder::Handle, &rec), 0);
+  EXPECT_EQ(nuv_comm_register("life", Recorder::Handle, &rec), NUV_COMM_E_BUSY);
   struct stat st;
   ASSERT_EQ(stat(dir.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
-  EXPECT_TRUE(IsSocket(dir + "/life"));
+  EXPECT_EQ(Post("life", "here"), int(Fnv1a("here")));
+  EXPECT_EQ(rec.thread.load(), std::this_thread::get_id());  // in process: the caller's thread
+  EXPECT_EQ(Post("nobody", "x"), NUV_COMM_E_NOTOPIC);
 
   EXPECT_EQ(nuv_comm_uninit(), 0);  // one user left: the topic stays
   EXPECT_EQ(Post("life", "still"), int(Fnv1a("still")));
   EXPECT_TRUE(IsSocket(dir + "/life"));
-
   EXPECT_EQ(nuv_comm_uninit(), 0);  // the last one takes it down
   EXPECT_FALSE(IsSocket(dir + "/life"));
-  EXPECT_EQ(Post("life", "x"), NUV_COMM_E_NOINIT);
   EXPECT_EQ(nuv_comm_uninit(), NUV_COMM_E_NOINIT);
 
   ASSERT_EQ(nuv_comm_init(), 0);  // a new round starts with an empty registry
   EXPECT_EQ(Post("life", "x"), NUV_COMM_E_NOTOPIC);
   EXPECT_EQ(nuv_comm_register("life", Recorder::Handle, &rec), 0);
+  EXPECT_EQ(nuv_comm_unregister("life"), 0);
+  EXPECT_EQ(nuv_comm_unregister("life"), NUV_COMM_E_NOTOPIC);
   EXPECT_EQ(nuv_comm_uninit(), 0);
   unsetenv("NUV_COMM_DIR");
-  EXPECT_EQ(rec.calls.load(), 1);
+  EXPECT_EQ(rec.calls.load(), 2);
 }
 
 TEST(CommTopics, NamesAreValidated) {
   Bus bus;
   Recorder rec;
   std::string longest(NUV_COMM_TOPIC_MAX, 'n');
-  for (std::string bad : {std::string(), std::string("a/b"), std::string("a b"),
-                          std::string("."), std::string(".."), std::string("~lock"),
-                          std::string("caf\xc3\xa9"), std::string("a\n"), longest + "n"}) {
+  for (std::string bad : {"", "a/b", "a b", ".", "..", "~lock", "caf\xc3\xa9", "a\n"}) {
     EXPECT_EQ(nuv_comm_register(bad.c_str(), Recorder::Handle, &rec), NUV_COMM_E_INVAL) << bad;
     EXPECT_EQ(Post(bad, "x"), NUV_COMM_E_INVAL) << bad;
-    EXPECT_EQ(nuv_comm_unregister(bad.c_str()), NUV_COMM_E_INVAL) << bad;
   }
-  EXPECT_EQ(nuv_comm_register(nullptr, Recorder::Handle, &rec), NUV_COMM_E_INVAL);
+  EXPECT_EQ(nuv_comm_register((longest + "n").c_str(), Recorder::Handle, &rec), NUV_COMM_E_INVAL);
   EXPECT_EQ(nuv_comm_register("ok", nullptr, &rec), NUV_COMM_E_INVAL);
   EXPECT_EQ(nuv_comm_post("ok", nullptr), NUV_COMM_E_INVAL);
-  EXPECT_EQ(nuv_comm_post(nullptr, nullptr), NUV_COMM_E_INVAL);
-  EXPECT_EQ(rec.calls.load(), 0);
-
-  const std::string good[] = {"maintenance:reciver", "A-z_0.9:x", longest};
-  for (const std::string& name : good) {
-    ASSERT_EQ(nuv_comm_register(name.c_str(), Recorder::Handle, &rec), 0) << name;
-  }
-  std::vector<std::string> files = DirEntries(bus.dir());
-  for (const std::string& name : good) {
-    EXPECT_TRUE(IsSocket(bus.Path(name))) << name;
-  }
-  EXPECT_EQ(files.size(), 4u);  // the three sockets and the lock file
+  ASSERT_EQ(nuv_comm_register("A-z_0.9:x", Recorder::Handle, &rec), 0);
 
   // The longest name does not fit a socket address under this directory; another process
   // still reaches it.
+  ASSERT_EQ(nuv_comm_register(longest.c_str(), Recorder::Handle, &rec), 0);
   ASSERT_GT(bus.Path(longest).size(), sizeof(sockaddr_un::sun_path));
-  Peer poster({"post", longest, "3", "far"});
-  EXPECT_EQ(poster.Reap(), 0);
+  EXPECT_TRUE(IsSocket(bus.Path(longest)));
+  EXPECT_EQ(Peer({"post", longest, "3", "far"}).Reap(), 0);
   EXPECT_EQ(rec.calls.load(), 3);
-  for (const std::string& name : good) EXPECT_EQ(nuv_comm_unregister(name.c_str()), 0);
-  EXPECT_EQ(DirEntries(bus.dir()).size(), 1u);
-}
-
-TEST(CommLocal, InProcessTopicRunsOnTheCallersThread) {
-  Bus bus;
-  Recorder rec;
-  ASSERT_EQ(nuv_comm_register("local", Recorder::Handle, &rec), 0);
-  EXPECT_EQ(nuv_comm_register("local", Recorder::Handle, &rec), NUV_COMM_E_BUSY);
-  EXPECT_EQ(Post("local", "hello"), int(Fnv1a("hello")));
-  EXPECT_EQ(rec.thread, std::this_thread::get_id());
-  EXPECT_EQ(Post("nobody", "hello"), NUV_COMM_E_NOTOPIC);
-  EXPECT_EQ(nuv_comm_unregister("local"), 0);
-  EXPECT_EQ(nuv_comm_unregister("local"), NUV_COMM_E_NOTOPIC);
-  EXPECT_EQ(Post("local", "hello"), NUV_COMM_E_NOTOPIC);
-  EXPECT_EQ(rec.calls.load(), 1);
+  EXPECT_EQ(nuv_comm_unregister(longest.c_str()), 0);
+  EXPECT_FALSE(IsSocket(bus.Path(longest)));
 }
 
 TEST(CommRemote, TwoProcessesExchangeMessagesBothWays) {
@@ -350,50 +244,42 @@ TEST(CommRemote, TwoProcessesExchangeMessagesBothWays) {
   Recorder rec;
   ASSERT_EQ(nuv_comm_register("here", Recorder::Handle, &rec), 0);
   Peer server({"serve", "there"});
-  ASSERT_EQ(server.ReadLine(), "ready");
-
+  ASSERT_TRUE(server.Said("ready"));
+  EXPECT_EQ(nuv_comm_register("there", Recorder::Handle, &rec), NUV_COMM_E_BUSY);  // live
   // Results come back exactly as the other process's handler gives them.
-  EXPECT_EQ(Post("there", "hello"), int(Fnv1a("hello")));
-  EXPECT_EQ(Post("there", ""), int(Fnv1a("")));
-  EXPECT_EQ(Post("there", "ret:0"), 0);
-  EXPECT_EQ(Post("there", "ret:0x84CE0002"), int(0x84CE0002u));
-  EXPECT_EQ(Post("there", "ret:-5"), -5);
   std::string big(1 << 20, 'b');  // larger than a socket buffer
-  EXPECT_EQ(Post("there", big), int(Fnv1a(big)));
+  const struct { std::string msg; int result; } cases[] = {
+      {"hello", int(Fnv1a("hello"))}, {"", int(Fnv1a(""))}, {"ret:0", 0},
+      {"ret:0x84CE0002", int(0x84CE0002u)}, {"ret:-5", -5}, {big, int(Fnv1a(big))},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Post("there", c.msg), c.result) << c.msg.substr(0, 20);
 
-  Peer poster({"post", "here", "50", "back"});
-  EXPECT_EQ(poster.Reap(), 0);
-  ASSERT_EQ(rec.calls.load(), 50);
-  EXPECT_EQ(rec.seen.front(), "back-0");
-  EXPECT_EQ(rec.seen.back(), "back-49");
-  EXPECT_NE(rec.thread, std::this_thread::get_id());
+  EXPECT_EQ(Peer({"post", "here", "50", "back"}).Reap(), 0);  // 0: every answer was right
+  EXPECT_EQ(rec.calls.load(), 50);
+  EXPECT_NE(rec.thread.load(), std::this_thread::get_id());
   EXPECT_EQ(server.FinishServing(), 6);
 }
 
 TEST(CommRemote, EightConcurrentPostersLoseNothing) {
   Bus bus;
   Peer server({"serve", "many"});
-  ASSERT_EQ(server.ReadLine(), "ready");
+  ASSERT_TRUE(server.Said("ready"));
   const int kEach = 500;
-  std::vector<Peer*> procs;
-  for (int i = 0; i < 4; ++i) {
-    procs.push_back(new Peer({"post", "many", std::to_string(kEach), "proc" + std::to_string(i)}));
-  }
+  std::vector<std::unique_ptr<Peer>> procs;
+  for (int i = 0; i < 4; ++i)
+    procs.emplace_back(new Peer({"post", "many", std::to_string(kEach), "p" + std::to_string(i)}));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&, i] {
       for (int j = 0; j < kEach; ++j) {
-        std::string msg = "thread" + std::to_string(i) + "-" + std::to_string(j);
+        std::string msg = "t" + std::to_string(i) + "-" + std::to_string(j);
         if (Post("many", msg) != int(Fnv1a(msg))) ++wrong;
       }
     });
   }
   for (auto& t : threads) t.join();
-  for (Peer* p : procs) {
-    EXPECT_EQ(p->Reap(), 0);
-    delete p;
-  }
+  for (auto& p : procs) EXPECT_EQ(p->Reap(), 0);
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(server.FinishServing(), 8 * kEach);
 }
@@ -404,87 +290,35 @@ TEST(CommWire, ARawClientSpeaksTheFrameFormat) {
   ASSERT_EQ(nuv_comm_register("wire", Recorder::Handle, &rec), 0);
   int fd = RawConnect(bus.Path("wire"));
   ASSERT_GE(fd, 0);
-  EXPECT_EQ(RawExchange(fd, "hello"), Le32(4) + Le32(Fnv1a("hello")));
-  // Same connection again, with a NUL inside, then an empty message.
-  std::string nul("a\0b", 3);
-  EXPECT_EQ(RawExchange(fd, nul), Le32(4) + Le32(Fnv1a(nul)));
-  EXPECT_EQ(RawExchange(fd, ""), Le32(4) + Le32(Fnv1a("")));
-  // A frame that trickles in byte by byte.
-  std::string frame = Le32(5) + "slow!";
+  // Several frames on one connection, one with a NUL inside, one empty.
+  for (std::string msg : {std::string("hello"), std::string("a\0b", 3), std::string()})
+    EXPECT_EQ(RawExchange(fd, msg), Reply(Fnv1a(msg)));
+  std::string frame = Le32(5) + "slow!";  // a frame that trickles in byte by byte
   for (char c : frame) {
     ASSERT_TRUE(SendRaw(fd, std::string(1, c)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(2ms);
   }
-  EXPECT_EQ(RecvRaw(fd, 8), Le32(4) + Le32(Fnv1a("slow!")));
+  EXPECT_EQ(RecvRaw(fd, 8), Reply(Fnv1a("slow!")));
   close(fd);
-  ASSERT_EQ(rec.calls.load(), 4);
-  EXPECT_EQ(rec.seen[1], nul);
-  EXPECT_EQ(rec.seen[2], "");
-  EXPECT_EQ(rec.seen[3], "slow!");
+  EXPECT_EQ(rec.calls.load(), 4);
 }
 
-TEST(CommWire, OversizedFrameIsRefusedAndTheServerKeepsServing) {
-  Bus bus(Env{{"NUV_COMM_MAX_MSG", "1024"}});
-  Recorder rec;
-  ASSERT_EQ(nuv_comm_register("small", Recorder::Handle, &rec), 0);
+TEST(CommWire, OversizedFramesAreRefusedAndTheServerKeepsServing) {
+  Bus bus;  // with the default limit, far above the server's
+  Peer server({"serve", "small"}, {"NUV_COMM_MAX_MSG=1024"});
+  ASSERT_TRUE(server.Said("ready"));
   int fd = RawConnect(bus.Path("small"));
   ASSERT_GE(fd, 0);
-  // Announced too large: refused at the header, before the body is all there.
+  // Announced too large: refused at the header, before the body is all there, then closed.
   ASSERT_TRUE(SendRaw(fd, Le32(1025) + std::string(512, 'x')));
-  EXPECT_EQ(RecvRaw(fd, 8), Le32(4) + Le32(uint32_t(NUV_COMM_E_TOOBIG)));
-  EXPECT_EQ(RecvRaw(fd, 1), "");  // then closed
+  EXPECT_EQ(RecvRaw(fd, 8), Reply(uint32_t(NUV_COMM_E_TOOBIG)));
+  EXPECT_EQ(RecvRaw(fd, 1), "");
   close(fd);
-  fd = RawConnect(bus.Path("small"));
-  ASSERT_GE(fd, 0);
-  std::string fits(1024, 'f');
-  EXPECT_EQ(RawExchange(fd, fits), Le32(4) + Le32(Fnv1a(fits)));
-  close(fd);
-  EXPECT_EQ(Post("small", fits + "!"), NUV_COMM_E_TOOBIG);
-  EXPECT_EQ(Post("small", fits), int(Fnv1a(fits)));
-  EXPECT_EQ(rec.calls.load(), 2);
-}
-
-TEST(CommWire, ServerLimitHoldsAgainstAClientWithALargerOne) {
-  Bus bus;
-  Peer server({"serve", "tiny"}, {{"NUV_COMM_MAX_MSG", "1024"}});
-  ASSERT_EQ(server.ReadLine(), "ready");
   // Far more than the socket buffers: the server closes while we are still sending.
-  EXPECT_EQ(Post("tiny", std::string(4 << 20, 'x')), NUV_COMM_E_TOOBIG);
-  EXPECT_EQ(Post("tiny", "ok"), int(Fnv1a("ok")));
+  EXPECT_EQ(Post("small", std::string(4 << 20, 'x')), NUV_COMM_E_TOOBIG);
+  std::string fits(1024, 'f');
+  EXPECT_EQ(Post("small", fits), int(Fnv1a(fits)));
   EXPECT_EQ(server.FinishServing(), 1);
-}
-
-// In a forked child: connect to `path` (as uid/gid 65534 when `drop`), send a frame and report
-// by exit status: 0 closed without answer, 2 could not connect, 3 answered, 4 other failure.
-[[noreturn]] void ForeignClient(const std::string& path, bool drop) {
-  if (drop && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-               setresuid(65534, 65534, 65534) != 0 || getuid() != 65534)) {
-    _exit(4);
-  }
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct timeval tv = {10, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  struct sockaddr_un sa = {};
-  sa.sun_family = AF_UNIX;
-  snprintf(sa.sun_path, sizeof sa.sun_path, "%s", path.c_str());
-  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) _exit(2);
-  char frame[] = {1, 0, 0, 0, 'x'};
-  send(fd, frame, sizeof frame, MSG_NOSIGNAL);
-  char b[8];
-  ssize_t got;
-  do got = recv(fd, b, sizeof b, 0);
-  while (got < 0 && errno == EINTR);
-  if (got > 0) _exit(3);
-  _exit(got == 0 || errno == ECONNRESET ? 0 : 4);
-}
-
-int RunForeignClient(const std::string& path, bool drop) {
-  pid_t pid = fork();
-  if (pid == 0) ForeignClient(path, drop);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(CommSecurity, PeerOfAnotherUidIsRefused) {
@@ -493,25 +327,37 @@ TEST(CommSecurity, PeerOfAnotherUidIsRefused) {
   Recorder rec;
   ASSERT_EQ(nuv_comm_register("guarded", Recorder::Handle, &rec), 0);
   // Open the path to everyone, so only the credential check can turn the stranger away.
-  ASSERT_EQ(chmod(bus.root().c_str(), 0711), 0);
-  ASSERT_EQ(chmod(bus.dir().c_str(), 0711), 0);
+  ASSERT_EQ(chmod(bus.tmp.path().c_str(), 0711), 0);
+  ASSERT_EQ(chmod(bus.dir_.c_str(), 0711), 0);
   ASSERT_EQ(chmod(bus.Path("guarded").c_str(), 0777), 0);
-
-  EXPECT_EQ(RunForeignClient(bus.Path("guarded"), false), 3);  // root is served
-  EXPECT_EQ(rec.calls.load(), 1);
-  EXPECT_EQ(RunForeignClient(bus.Path("guarded"), true), 0);  // uid 65534 connects, is dropped
-  EXPECT_EQ(rec.calls.load(), 1);
+  // A forked client, as root or as uid 65534; exit 3 when answered, 0 when closed unanswered.
+  for (bool drop : {false, true}) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      if (drop && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+                   setresuid(65534, 65534, 65534) != 0))
+        _exit(4);
+      int fd = RawConnect(bus.Path("guarded"));
+      _exit(fd < 0 ? 2 : RawExchange(fd, "x").empty() ? 0 : 3);
+    }
+    EXPECT_EQ(nuvtest::WaitExit(pid), drop ? 0 : 3) << "drop " << drop;
+    EXPECT_EQ(rec.calls.load(), 1);
+  }
   EXPECT_EQ(Post("guarded", "still"), int(Fnv1a("still")));
 }
 
-TEST(CommFailure, ServerKilledMidRequestThenItsTopicIsTakenOver) {
+TEST(CommFailure, AKilledServersTopicIsTakenOverButNotAFile) {
   Bus bus;
+  Recorder rec;
   nuv_comm_set_timeout_ms(3000);
   Peer server({"serve", "crash"});
-  ASSERT_EQ(server.ReadLine(), "ready");
+  ASSERT_TRUE(server.Said("ready"));
+  ASSERT_TRUE(nuvtest::WriteFile(bus.Path("plain"), "data"));
+  EXPECT_EQ(nuv_comm_register("plain", Recorder::Handle, &rec), NUV_COMM_E_BUSY);
+  EXPECT_EQ(nuvtest::ReadFile(bus.Path("plain")), "data");
   int result = 0;
   std::thread poster([&] { result = Post("crash", "block"); });
-  EXPECT_EQ(server.ReadLine(), "busy");
+  EXPECT_TRUE(server.Said("busy"));
   server.Signal(SIGKILL);
   server.Reap();
   poster.join();
@@ -519,11 +365,10 @@ TEST(CommFailure, ServerKilledMidRequestThenItsTopicIsTakenOver) {
 
   // The dead server's socket file is left behind; registering replaces it.
   ASSERT_TRUE(IsSocket(bus.Path("crash")));
-  Recorder rec;
   ASSERT_EQ(nuv_comm_register("crash", Recorder::Handle, &rec), 0);
   int fd = RawConnect(bus.Path("crash"));
   ASSERT_GE(fd, 0);
-  EXPECT_EQ(RawExchange(fd, "again"), Le32(4) + Le32(Fnv1a("again")));
+  EXPECT_EQ(RawExchange(fd, "again"), Reply(Fnv1a("again")));
   close(fd);
   EXPECT_EQ(rec.calls.load(), 1);
 }
@@ -531,7 +376,7 @@ TEST(CommFailure, ServerKilledMidRequestThenItsTopicIsTakenOver) {
 TEST(CommFailure, StalledServerTimesOutAndItsLateAnswerIsNotMistaken) {
   Bus bus;
   Peer server({"serve", "stall"});
-  ASSERT_EQ(server.ReadLine(), "ready");
+  ASSERT_TRUE(server.Said("ready"));
   EXPECT_EQ(Post("stall", "a"), int(Fnv1a("a")));  // leaves a pooled connection
   ASSERT_TRUE(server.Stop());
   nuv_comm_set_timeout_ms(200);
@@ -540,83 +385,25 @@ TEST(CommFailure, StalledServerTimesOutAndItsLateAnswerIsNotMistaken) {
   server.Signal(SIGCONT);
   // Had the timed-out connection been pooled, this would read the answer meant for "b".
   EXPECT_EQ(Post("stall", "c"), int(Fnv1a("c")));
-  // Whether the woken server still handles "b", whose poster has hung up, depends on which it
-  // notices first; "a" and "c" it must have served.
+  // The woken server may or may not still handle "b", whose poster hung up.
   int served = server.FinishServing();
   EXPECT_TRUE(served == 2 || served == 3) << served;
 }
 
-TEST(CommFailure, LiveTopicIsRefusedAndLeftAlone) {
-  Bus bus;
-  Recorder rec;
-  Peer server({"serve", "live"});
-  ASSERT_EQ(server.ReadLine(), "ready");
-  EXPECT_EQ(nuv_comm_register("live", Recorder::Handle, &rec), NUV_COMM_E_BUSY);
-  EXPECT_EQ(Post("live", "z"), int(Fnv1a("z")));  // still the other process's
-
-  ASSERT_TRUE(nuvtest::WriteFile(bus.Path("plain"), "data"));
-  EXPECT_EQ(nuv_comm_register("plain", Recorder::Handle, &rec), NUV_COMM_E_BUSY);
-  EXPECT_EQ(nuvtest::ReadFile(bus.Path("plain")), "data");
-
-  // A socket bound and closed without removal, as a crash leaves it.
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  struct sockaddr_un sa = {};
-  sa.sun_family = AF_UNIX;
-  snprintf(sa.sun_path, sizeof sa.sun_path, "%s", bus.Path("handmade").c_str());
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-  close(fd);
-  EXPECT_EQ(nuv_comm_register("handmade", Recorder::Handle, &rec), 0);
-  EXPECT_EQ(server.FinishServing(), 1);
-  EXPECT_EQ(rec.calls.load(), 0);
-}
-
-TEST(CommServer, ConnectionsBeyondTheCapAreClosed) {
-  Bus bus(Env{{"NUV_COMM_MAX_CONN", "3"}});
-  Recorder rec;
-  ASSERT_EQ(nuv_comm_register("cap", Recorder::Handle, &rec), 0);
-  std::vector<int> fds;
-  for (int i = 0; i < 3; ++i) {
-    fds.push_back(RawConnect(bus.Path("cap")));
-    ASSERT_GE(fds.back(), 0);
-    EXPECT_EQ(RawExchange(fds.back(), "in"), Le32(4) + Le32(Fnv1a("in")));
-  }
-  int extra = RawConnect(bus.Path("cap"));
-  ASSERT_GE(extra, 0);
-  EXPECT_EQ(RawExchange(extra, "over"), "");
-  close(extra);
-  EXPECT_EQ(rec.calls.load(), 3);
-
-  // A freed slot is served again once its thread has gone.
-  close(fds[0]);
-  bool served = false;
-  for (int i = 0; i < 500 && !served; ++i) {
-    int fd = RawConnect(bus.Path("cap"));
-    served = fd >= 0 && RawExchange(fd, "later") == Le32(4) + Le32(Fnv1a("later"));
-    if (fd >= 0) close(fd);
-    if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  EXPECT_TRUE(served);
-  for (size_t i = 1; i < fds.size(); ++i) close(fds[i]);
-}
-
-// Handlers that wait at a gate until the test opens it.
+// Waits at a gate until the test opens it.
 struct Gate {
   std::mutex mu;
   std::condition_variable cv;
   bool open = false;
   int entered = 0, finished = 0;
-
-  static int Handle(comm_data* request, comm_data*, void* user) {
+  static int Handle(comm_data*, comm_data*, void* user) {
     auto* g = static_cast<Gate*>(user);
-    void* p;
-    unsigned int n;
-    nuv_comm_get_data(request, &p, &n);
     std::unique_lock<std::mutex> lock(g->mu);
     ++g->entered;
     g->cv.notify_all();
     g->cv.wait(lock, [g] { return g->open; });
     ++g->finished;
-    return static_cast<int>(Fnv1a(std::string(static_cast<char*>(p), n)));
+    return 7;
   }
 };
 
@@ -624,23 +411,25 @@ TEST(CommServer, UnregisterWaitsForHandlersInFlight) {
   Bus bus;
   Gate gate;
   ASSERT_EQ(nuv_comm_register("slow", Gate::Handle, &gate), 0);
-  Peer remote({"post", "slow", "1", "remote"});  // handled on a bus thread
+  int remote = -1;
+  std::thread remote_poster([&] {  // on a bus thread: raw, so the answer can be read
+    int fd = RawConnect(bus.Path("slow"));
+    remote = RawExchange(fd, "remote") == Reply(7);
+    close(fd);
+  });
   int local = 0;
   std::thread local_poster([&] { local = Post("slow", "local"); });  // on its own thread
   {
     std::unique_lock<std::mutex> lock(gate.mu);
-    ASSERT_TRUE(gate.cv.wait_for(lock, std::chrono::seconds(20), [&] { return gate.entered == 2; }));
+    ASSERT_TRUE(gate.cv.wait_for(lock, 20s, [&] { return gate.entered == 2; }));
   }
-  std::atomic<bool> returned{false};
   int finished_at_return = -1;
   std::thread unregisterer([&] {
     EXPECT_EQ(nuv_comm_unregister("slow"), 0);
     std::lock_guard<std::mutex> lock(gate.mu);
     finished_at_return = gate.finished;
-    returned = true;
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(returned.load());
+  std::this_thread::sleep_for(100ms);  // time for an unregister that does not wait to return
   {
     std::lock_guard<std::mutex> lock(gate.mu);
     gate.open = true;
@@ -648,11 +437,11 @@ TEST(CommServer, UnregisterWaitsForHandlersInFlight) {
   }
   unregisterer.join();
   local_poster.join();
+  remote_poster.join();
   EXPECT_EQ(finished_at_return, 2);
-  EXPECT_EQ(local, int(Fnv1a("local")));
-  EXPECT_EQ(remote.Reap(), 0);  // its answer went out before the connection closed
+  EXPECT_EQ(local, 7);
+  EXPECT_EQ(remote, 1);  // its answer went out before the connection closed
   EXPECT_FALSE(IsSocket(bus.Path("slow")));
-  EXPECT_EQ(Post("slow", "late"), NUV_COMM_E_NOTOPIC);
 }
 
 int UnregisterSelf(comm_data*, comm_data*, void* user) {
@@ -665,31 +454,12 @@ TEST(CommServer, HandlerMayUnregisterItsOwnTopic) {
   ASSERT_EQ(nuv_comm_register(name, UnregisterSelf, name), 0);
   EXPECT_EQ(Post(name, "x"), 0);  // in process
   EXPECT_EQ(Post(name, "x"), NUV_COMM_E_NOTOPIC);
-
   ASSERT_EQ(nuv_comm_register(name, UnregisterSelf, name), 0);
   int fd = RawConnect(bus.Path(name));  // on a connection thread
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(RawExchange(fd, "x"), Le32(4) + Le32(0));
+  EXPECT_EQ(RawExchange(fd, "x"), Reply(0));
   EXPECT_EQ(RecvRaw(fd, 1), "");
   close(fd);
   EXPECT_EQ(Post(name, "x"), NUV_COMM_E_NOTOPIC);
-}
-
-TEST(CommSymbols, OnlyBusCallsAreExported) {
-  std::string cmd = std::string("nm -D --defined-only ") + NUV_COMM_LIB_PATH;
-  FILE* p = popen(cmd.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  char line[512];
-  std::vector<std::string> names;
-  while (fgets(line, sizeof line, p)) {
-    std::string name(line);
-    name = name.substr(name.rfind(' ') + 1);
-    if (!name.empty() && name.back() == '\n') name.pop_back();
-    names.push_back(name);
-    EXPECT_EQ(name.rfind("nuv_", 0), 0u) << "exports " << name;
-  }
-  EXPECT_EQ(pclose(p), 0) << cmd;
-  EXPECT_EQ(names.size(), 9u);
 }
 
 }  // namespace

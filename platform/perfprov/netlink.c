@@ -72,7 +72,12 @@ static ssize_t read_one(int fd, void (*fn)(const struct pp_nl_event *, void *), 
     struct cn_msg *msg = NLMSG_DATA(h);
     if (msg->id.idx != CN_IDX_PROC || msg->id.val != CN_VAL_PROC) continue;
     if (msg->len < sizeof(struct proc_event)) continue;
-    const struct proc_event *pe = (const struct proc_event *)msg->data;
+    /* The event follows the connector header unaligned for its 64-bit timestamp: copy it. */
+    struct proc_event event;
+    size_t have = msg->len < sizeof event ? msg->len : sizeof event;
+    memset(&event, 0, sizeof event);
+    memcpy(&event, msg->data, have);
+    const struct proc_event *pe = &event;
     struct pp_nl_event ev = {.kind = PP_NL_NONE};
     switch (pe->what) {
       case PROC_EVENT_NONE:

@@ -3,21 +3,21 @@
  * runs N threads in all (the main one included), holds N extra open descriptors, spins on one
  * thread with --busy, with --write keeps writing to a file under DIR and syncing it, and with
  * --transient first starts and ends N short-lived threads while it lives on. It
- * prints "ready\n" on standard output once all that is in place, and ends when its standard
- * input reaches end of file. */
+ * prints "ready\n" on standard output once all that is in place, and runs until it is killed
+ * (at the latest when its parent ends). */
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <unistd.h>
-
-static volatile int g_done;
 
 static void *idle_thread(void *arg) {
   (void)arg;
-  while (!g_done) pause();
+  for (;;) pause();
   return NULL;
 }
 
@@ -26,7 +26,7 @@ static void *short_thread(void *arg) { return arg; }
 static void *busy_thread(void *arg) {
   (void)arg;
   volatile unsigned long x = 0;
-  while (!g_done) x++;
+  for (;;) x++;
   return NULL;
 }
 
@@ -37,20 +37,18 @@ static void *write_thread(void *arg) {
   if (fd < 0) return NULL;
   static char block[1 << 16];
   memset(block, 'x', sizeof block);
-  while (!g_done) {
+  for (;;) {
     for (int i = 0; i < 16; i++) {
       if (write(fd, block, sizeof block) < 0 && errno != EINTR) break;
     }
     fdatasync(fd);
-    if (lseek(fd, 0, SEEK_SET) < 0) break;
+    if (lseek(fd, 0, SEEK_SET) < 0) return NULL;
     usleep(20000);
   }
-  close(fd);
-  unlink(path);
-  return NULL;
 }
 
 int main(int argc, char **argv) {
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() == 1) return 1;
   int threads = 1, fds = 0, busy = 0, transient = 0;
   const char *write_dir = NULL;
   for (int i = 1; i < argc; i++) {
@@ -91,11 +89,5 @@ int main(int argc, char **argv) {
     if (pthread_create(&t, NULL, idle_thread, NULL) != 0) return 1;
   }
   if (write(STDOUT_FILENO, "ready\n", 6) != 6) return 1;
-  char c;
-  ssize_t n;
-  while ((n = read(STDIN_FILENO, &c, 1)) != 0) {
-    if (n < 0 && errno != EINTR) break;
-  }
-  g_done = 1;
-  return 0;
+  for (;;) pause();
 }

@@ -8,59 +8,39 @@
 
 namespace {
 
-TEST(Path, FormatNormalisesLexically) {
-  struct {
-    const char* in;
-    const char* out;
-  } cases[] = {
-      {"/a//b/./c/", "/a/b/c"}, {"/a/b/../c", "/a/c"},   {"/../..", "/"},
-      {"/", "/"},               {"//", "/"},             {"a/../..", ".."},
-      {"../../x/..", "../.."},  {"./", "."},             {"a/./b/", "a/b"},
-      {"a/..", "."},            {"/opt/bin/../data", "/opt/data"},
+TEST(Path, FormatNormalisesLexicallyAndRemoveNameCuts) {
+  const struct { const char *in, *out; } format[] = {
+      {"/a//b/./c/", "/a/b/c"}, {"/a/b/../c", "/a/c"},  {"/../..", "/"},     {"//", "/"},
+      {"a/../..", ".."},        {"../../x/..", "../.."}, {"./", "."},        {"a/..", "."},
       {"", ""},                 {"..a/b", "..a/b"},      {"/x/.../y", "/x/.../y"},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : format) {
     char buf[64];
     snprintf(buf, sizeof buf, "%s", c.in);
     EXPECT_EQ(nuv_path_format_a(buf), 0);
     EXPECT_STREQ(buf, c.out) << "input: " << c.in;
   }
-  EXPECT_EQ(nuv_path_format_a(nullptr), -1);
-}
-
-TEST(Path, RemoveNameAndGetName) {
-  struct {
-    const char* in;
-    int rc;
-    const char* out;
-  } cut[] = {{"/a/b/c", 0, "/a/b"}, {"/c", 0, "/"}, {"name", -1, "name"}, {"a/b", 0, "a"}};
+  const struct { const char* in; int rc; const char* out; } cut[] = {
+      {"/a/b/c", 0, "/a/b"}, {"/c", 0, "/"}, {"name", -1, "name"}, {"a/b", 0, "a"}};
   for (const auto& c : cut) {
     char buf[32];
     snprintf(buf, sizeof buf, "%s", c.in);
     EXPECT_EQ(nuv_path_remove_name_a(buf), c.rc) << c.in;
     EXPECT_STREQ(buf, c.out) << c.in;
   }
-
   const char* p = "/usr/bin/agent";
   EXPECT_EQ(nuv_path_get_name_u(p), p + 9);  // a pointer into the argument
-  EXPECT_STREQ(nuv_path_get_name_u("agent"), "agent");
-  EXPECT_EQ(nuv_path_get_name_u(""), nullptr);
   EXPECT_EQ(nuv_path_get_name_u("/usr/bin/"), nullptr);
-  EXPECT_EQ(nuv_path_get_name_u(nullptr), nullptr);
 }
 
-TEST(Path, RelativePathsResolveAgainstTheExecutableDirectory) {
-  char exe[4096];
+TEST(Path, RelativePathsResolveAgainstTheExecutableDirectoryWithinTheBuffer) {
+  char exe[4096], expected[4096];
   ASSERT_EQ(nuv_path_get_cur_proc_a(exe, sizeof exe), 0);
-  char expected_exe[4096];
-  ssize_t n = readlink("/proc/self/exe", expected_exe, sizeof expected_exe - 1);
+  ssize_t n = readlink("/proc/self/exe", expected, sizeof expected - 1);
   ASSERT_GT(n, 0);
-  expected_exe[n] = '\0';
-  EXPECT_STREQ(exe, expected_exe);
-
+  EXPECT_EQ(std::string(exe), std::string(expected, n));
   std::string dir(exe, std::string(exe).rfind('/'));
   std::string parent = dir.substr(0, dir.rfind('/'));
-
   char out[4096];
   ASSERT_EQ(nuv_path_absolute("../data", out, sizeof out), 0);
   EXPECT_EQ(std::string(out), parent + "/data");
@@ -68,17 +48,11 @@ TEST(Path, RelativePathsResolveAgainstTheExecutableDirectory) {
   EXPECT_EQ(std::string(out), parent + "/data/x");
   ASSERT_EQ(nuv_dirutils_path_transform("/abs//p", out, sizeof out), 0);
   EXPECT_STREQ(out, "/abs/p");
-
-  // Bounded by the caller's buffer, whatever the input length.
   char tiny[8];
   EXPECT_EQ(nuv_path_absolute("../data", tiny, sizeof tiny), -1);
   EXPECT_EQ(errno, ENAMETOOLONG);
   EXPECT_EQ(nuv_path_get_cur_proc_a(tiny, sizeof tiny), -1);
   EXPECT_EQ(tiny[sizeof tiny - 1], '\0');
-
-  EXPECT_TRUE(nuv_path_is_absolute("/x"));
-  EXPECT_FALSE(nuv_path_is_absolute("x"));
-  EXPECT_FALSE(nuv_path_is_absolute(nullptr));
   EXPECT_TRUE(nuv_path_is_exist_a(exe));
   EXPECT_FALSE(nuv_path_is_exist_a("/definitely/not/here"));
 }
