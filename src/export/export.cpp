@@ -1,11 +1,14 @@
 // The library's four exported entry points and its process-wide started flag.
 #include <string>
+#include <vector>
 
 #include "buryingpoint/bpmgr.h"
 #include "common/log.h"
 #include "common/singleton.h"
 #include "config/config_file.h"
 #include "config/config_mgr.h"
+#include "config/config_perfor.h"
+#include "manager/comm_perf_mgr.h"
 #include "nuv_atomic.h"
 #include "nuv_log.h"
 #include "nuv_maintenance.h"
@@ -34,6 +37,20 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_start_perf_manage
   }
   ZLOG_DEBUG("[nuv_maintain] maintain log file path is: [%s]",
              CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath().c_str());
+  CommonPerfMgr& manager = CSingleton<CommonPerfMgr>::GetInstance();
+  {
+    std::vector<CMonitorData> monitors = CPerforMonitorCfg::GetInstance()->GetMonitor();
+    for (CMonitorData& monitor : monitors) {
+      if (!manager.RegisterMonitor(monitor)) {
+        ZLOG_ERROR("[nuv_maintenance]::register monitor failed, monitor id = %s.",
+                   monitor.id.c_str());
+      }
+    }
+  }
+  if (!manager.StartPerfManager()) {
+    ZLOG_ERROR("[nuv_maintenance]::start perf monitor failed.");
+    return NUV_MAINT_START_FAILED;
+  }
   // Burying points are an extra: the library runs without them.
   if (CSingleton<CBpMgr>::GetInstance().Start().code != 0) {
     ZLOG_WARN("[nuv_maintenance]::buryingpoint start failed.");
@@ -45,6 +62,7 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_start_perf_manage
 extern "C" __attribute__((visibility("default"))) void nuv_stop_perf_manager(void) {
   if (nuv_atomic32_get(&g_started) == 0) return;
   CSingleton<CBpMgr>::GetInstance().Stop();
+  CSingleton<CommonPerfMgr>::GetInstance().StopPerfManager();
   nuv_atomic32_set(&g_started, 0);
   nuv_log_stop();
 }
@@ -69,12 +87,16 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_register_perf_mon
     ZLOG_ERROR("[nuv_maintenance]::nuv_register_perf_monitor invalid parameters.");
     return NUV_MAINT_INVALID_PARAMETER;
   }
-  // No performance manager is built yet to take the monitor, so it is refused.
-  ZLOG_ERROR("[nuv_maintenance]::nuv_register_perf_monitor register monitor failed.");
-  return NUV_MAINT_REFUSED;
+  if (!CSingleton<CommonPerfMgr>::GetInstance().RegisterMonitor(monitor)) {
+    ZLOG_ERROR("[nuv_maintenance]::nuv_register_perf_monitor register monitor failed.");
+    return NUV_MAINT_REFUSED;
+  }
+  return NUV_MAINT_OK;
 }
 
 extern "C" __attribute__((visibility("default"))) void nuv_unregister_perf_monitor(
     const char* id) {
   if (id == nullptr) return;
+  std::string monitorId = id;
+  CSingleton<CommonPerfMgr>::GetInstance().UnRegisterMonitor(monitorId);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "nuv_log.h"
 #include "nuv_maintenance.h"
@@ -80,12 +81,25 @@ TEST_F(Export, RegisterValidatesBeforeAnythingElse) {
   EXPECT_EQ(nuv_register_perf_monitor("cpu", "", "n", "s", "p", "1", "no-colon", "h:t", "C>1/60",
                                       ""),
             NUV_MAINT_INVALID_PARAMETER);
-  // Valid, but nothing takes monitors yet.
+  // Valid: the manager takes monitors before start too.
   EXPECT_EQ(nuv_register_perf_monitor("cpu", "", "n", "s", "p", "1", "system:0",
                                       "maintenance:reciver", "C>90/60", ""),
-            NUV_MAINT_REFUSED);
+            NUV_MAINT_OK);
+  // A file that no process runs: filed and waiting, so the same id again is refused.
+  const std::string focus = nuvtest::BuildDir() + "/lib/libnuv_maintaince.so:999999999";
+  for (uint32_t expected : {NUV_MAINT_OK, NUV_MAINT_REFUSED}) {
+    EXPECT_EQ(nuv_register_perf_monitor("Waiting", "", "n", "s", "p", "1", focus.c_str(),
+                                        "maintenance:reciver", "C>90/60", ""),
+              expected);
+  }
   nuv_unregister_perf_monitor(nullptr);
-  nuv_unregister_perf_monitor("unknown");
+  nuv_unregister_perf_monitor(" WAITING ");
+  nuv_unregister_perf_monitor("cpu");
+  // Both are gone: the waiting one registers afresh.
+  EXPECT_EQ(nuv_register_perf_monitor("waiting", "", "n", "s", "p", "1", focus.c_str(),
+                                      "maintenance:reciver", "C>90/60", ""),
+            NUV_MAINT_OK);
+  nuv_unregister_perf_monitor("waiting");
   auto lines = Messages();
   std::multiset<std::string> errors;
   for (const auto& l : lines)
@@ -95,6 +109,17 @@ TEST_F(Export, RegisterValidatesBeforeAnythingElse) {
   EXPECT_EQ(errors.count(
                 "[ERROR] [nuv_maintenance]::nuv_register_perf_monitor register monitor failed."),
             1u);
+  std::vector<std::string> unregistered;
+  for (const auto& l : lines)
+    if (l.rfind("[DEBUG] [nuv_maintain] unregister", 0) == 0) unregistered.push_back(l);
+  EXPECT_EQ(unregistered,
+            (std::vector<std::string>{
+                "[DEBUG] [nuv_maintain] unregister monitor [waiting] succeeded, exactly num: 0, "
+                "nonexactly num: 0",
+                "[DEBUG] [nuv_maintain] unregister monitor [cpu] succeeded, exactly num: 0, "
+                "nonexactly num: 0",
+                "[DEBUG] [nuv_maintain] unregister monitor [waiting] succeeded, exactly num: 0, "
+                "nonexactly num: 0"}));
 }
 
 TEST(ExportSymbols, ExactlyTheFourEntryPoints) {

@@ -16,6 +16,8 @@ int StoreMain(int argc, char** argv);  // store_cmd.cpp
 int PostMain(int argc, char** argv);   // post_cmd.cpp
 int BpMain(int argc, char** argv);     // bp_cmd.cpp
 int TopMain(int argc, char** argv);    // top_cmd.cpp
+int RegisterMain(int argc, char** argv);    // register_cmd.cpp
+int UnRegisterMain(int argc, char** argv);  // register_cmd.cpp
 
 namespace {
 
@@ -24,6 +26,8 @@ const Command kCommands[] = {
     {"post", "post a file's bytes to a bus topic and show the result word", PostMain},
     {"bp", "build a valid burying point and post it to the daemon", BpMain},
     {"top", "one sample of the system and the busiest processes, as monitors see it", TopMain},
+    {"register", "build a monitor definition and register it with the daemon", RegisterMain},
+    {"unregister", "unregister a monitor from the daemon by its id", UnRegisterMain},
 };
 
 void PrintUsage(FILE* out) {
