@@ -54,10 +54,7 @@ const char kUsage[] =
     "\n"
     "exit codes: 0 the result was 0, 1 any other result, 2 usage error\n";
 
-int UsageError(const std::string& message) {
-  std::fprintf(stderr, "nuvctl bp: %s\nrun 'nuvctl bp --help' for usage\n", message.c_str());
-  return kExitUsage;
-}
+int UsageError(const std::string& message) { return nuvctl::UsageError("bp", message); }
 
 // A decimal number in 0 .. INT_MAX (what the library reads as a 32-bit integer).
 bool ParseNumber(const std::string& text, long long& out) {
@@ -101,34 +98,8 @@ int BpMain(int argc, char** argv) {
   };
   std::map<std::string, bool> given;
   bool echo = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return kExitOk;
-    }
-    if (arg == "--echo") {
-      echo = true;
-      continue;
-    }
-    std::string value;
-    const std::string::size_type equals = arg.find('=');
-    const bool inlineValue = arg.compare(0, 2, "--") == 0 && equals != std::string::npos;
-    if (inlineValue) {
-      value = arg.substr(equals + 1);
-      arg.erase(equals);
-    }
-    if (values.count(arg) == 0) {
-      return UsageError(arg.compare(0, 1, "-") == 0 ? "unknown option '" + arg + "'"
-                                                    : "unexpected argument '" + arg + "'");
-    }
-    if (!inlineValue) {
-      if (i + 1 >= argc) return UsageError(arg + " needs a value");
-      value = argv[++i];
-    }
-    values[arg] = value;
-    given[arg] = true;
-  }
+  const int parsed = ParseOptions("bp", kUsage, argc, argv, values, given, &echo);
+  if (parsed >= 0) return parsed;
 
   long long type = 0;
   if (!given["--type"]) return UsageError("--type is needed");

@@ -3,6 +3,7 @@
 #ifndef NUV_TOOLS_NUVCTL_COMMAND_H
 #define NUV_TOOLS_NUVCTL_COMMAND_H
 
+#include <map>
 #include <string>
 
 namespace nuvctl {
@@ -26,6 +27,17 @@ struct Command {
 std::string ExePath();
 // <dir of nuvctl>/../config/maintenance.json: the file the daemon beside it reads.
 std::string DefaultConfigPath();
+
+// Prints "nuvctl COMMAND: MESSAGE" and a pointer to its --help on stderr; returns kExitUsage.
+int UsageError(const char* command, const std::string& message);
+
+// Reads "--name value" and "--name=value" options into `values`, whose keys are the options
+// the command knows (their values are the defaults), and marks each one given in `given`.
+// "--echo" sets *echo. "--help" prints `usage`. Returns -1 when the command should go on,
+// else the exit code to return (0 after --help, kExitUsage after an error it printed).
+int ParseOptions(const char* command, const char* usage, int argc, char** argv,
+                 std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
+                 bool* echo);
 
 }  // namespace nuvctl
 

@@ -57,12 +57,6 @@ const char kUnRegisterUsage[] =
     "\n"
     "exit codes: 0 the result was 0, 1 any other result, 2 usage error\n";
 
-int UsageError(const char* command, const std::string& message) {
-  std::fprintf(stderr, "nuvctl %s: %s\nrun 'nuvctl %s --help' for usage\n", command,
-               message.c_str(), command);
-  return kExitUsage;
-}
-
 // The compact text of `root`, which is released; empty when it cannot be had (not UTF-8).
 std::string DumpAndFree(json_t* root) {
   if (root == nullptr) return "";
@@ -98,35 +92,8 @@ int RegisterMain(int argc, char** argv) {
   };
   std::map<std::string, bool> given;
   bool echo = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kRegisterUsage, stdout);
-      return kExitOk;
-    }
-    if (arg == "--echo") {
-      echo = true;
-      continue;
-    }
-    std::string value;
-    const std::string::size_type equals = arg.find('=');
-    const bool inlineValue = arg.compare(0, 2, "--") == 0 && equals != std::string::npos;
-    if (inlineValue) {
-      value = arg.substr(equals + 1);
-      arg.erase(equals);
-    }
-    if (values.count(arg) == 0) {
-      return UsageError("register", arg.compare(0, 1, "-") == 0
-                                        ? "unknown option '" + arg + "'"
-                                        : "unexpected argument '" + arg + "'");
-    }
-    if (!inlineValue) {
-      if (i + 1 >= argc) return UsageError("register", arg + " needs a value");
-      value = argv[++i];
-    }
-    values[arg] = value;
-    given[arg] = true;
-  }
+  const int parsed = ParseOptions("register", kRegisterUsage, argc, argv, values, given, &echo);
+  if (parsed >= 0) return parsed;
   for (const char* required : {"--id", "--focus", "--condition", "--handler"}) {
     if (!given[required]) return UsageError("register", std::string(required) + " is needed");
   }

@@ -77,10 +77,7 @@ struct Stream {
   bool hasContent = false;
 };
 
-int UsageError(const std::string& message) {
-  std::fprintf(stderr, "nuvctl store: %s\nrun 'nuvctl store --help' for usage\n", message.c_str());
-  return kExitUsage;
-}
+int UsageError(const std::string& message) { return nuvctl::UsageError("store", message); }
 
 int Failure(const std::string& message) {
   std::fprintf(stderr, "nuvctl store: %s\n", message.c_str());

@@ -81,10 +81,7 @@ class FirstSample {
   bool taken_ = false;
 };
 
-int UsageError(const std::string& message) {
-  std::fprintf(stderr, "nuvctl top: %s\nrun 'nuvctl top --help' for usage\n", message.c_str());
-  return kExitUsage;
-}
+int UsageError(const std::string& message) { return nuvctl::UsageError("top", message); }
 
 bool ParsePositive(const std::string& text, unsigned int max, unsigned int& out) {
   if (text.empty() || text.size() > 10 ||
