@@ -28,7 +28,6 @@ TEST(CSlidingWindow, SetConditionTable) {
     std::string reason;                 // the ERROR line's message after "[CSlidingWindow]::"
   } rows[] = {
       {"C>80/60", 10, 60, 10, 6, ""},
-      {"C>80/1800", 5, 1800, 10, 180, ""},  // 360 slots: every 2nd sample
       {"C>80/7200", 5, 1800, 10, 180, ""},  // cycle clamped
       {"C>80/1801", 1, 1800, 10, 180, ""},  // k runs up to 10
       {"C>80/1790", 3, 1790, 12, 150, ""},  // 597, 299, 199, then 150 at k = 4
@@ -37,12 +36,8 @@ TEST(CSlidingWindow, SetConditionTable) {
       {"C>80/5", 10, 0, 0, 0, "CalcBlockCounts, cycle(5) < sdk_frequency(10), condition = C>80."},
       {"C>80/60", 0, 0, 0, 0, "CalcBlockCounts, sdk_frequency is 0, condition = C>80."},
       {"C>80/0", 10, 0, 0, 0, "check condition time failed. condition = C>80/0."},
-      {"C>80/ ", 10, 0, 0, 0, "check condition time failed. condition = C>80/ ."},
       {"C>80", 10, 0, 0, 0, "check condition split failed. condition = C>80."},
-      {"C>80/1/2", 10, 0, 0, 0, "check condition split failed. condition = C>80/1/2."},
       {"C>80/ABC", 10, 0, 0, 0, kBadChar + "C>80/ABC."},
-      {"c>80/60", 10, 0, 0, 0, kBadChar + "c>80/60."},
-      {"C>8.5/60", 10, 0, 0, 0, kBadChar + "C>8.5/60."},
       {"C-C/60", 10, 0, 0, 0, kBadChar + "C-C/60."},
   };
   for (const auto& row : rows) {
@@ -142,8 +137,8 @@ TEST(CSlidingWindow, HitRate) {
     int hits;  // of six cells
     unsigned int rate;
     bool fired;
-  } rows[] = {{3, 50, true}, {2, 50, false}, {6, 100, true}, {5, 100, false},
-              {1, 16, true}, {1, 17, false}, {0, 0, true},   {0, 1, false}};
+  } rows[] = {{3, 50, true}, {2, 50, false}, {6, 100, true}, {1, 16, true}, {1, 17, false},
+              {0, 0, true}};
   for (const auto& row : rows) {
     CSlidingWindow window;
     ASSERT_EQ(window.SetCondition("C>80/60", 10).code, 0);

@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
@@ -19,26 +17,14 @@
 #include "common/jsonutil.h"
 #include "common/utils.h"
 #include "config/config_collect.h"
-#include "nuv_comm.h"
+#include "file/file_test_support.h"
 #include "nuv_time.h"
-#include "testutil/testutil.h"
 #include "worker/workermanager.h"
 
 namespace {
 
-class BusEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    setenv("NUV_COMM_DIR", dir_.Sub("comm").c_str(), 1);
-    ASSERT_EQ(nuv_comm_init(), 0);
-  }
-  void TearDown() override { nuv_comm_uninit(); }
-
- private:
-  nuvtest::TempDir dir_;
-};
 const ::testing::Environment* const kBus =
-    ::testing::AddGlobalTestEnvironment(new BusEnvironment);
+    ::testing::AddGlobalTestEnvironment(new filetest::BusEnvironment(false));
 
 void SetCollect(int frequency, int hitRate) {
   JsonUtil doc;
@@ -49,32 +35,20 @@ void SetCollect(int frequency, int hitRate) {
   ASSERT_TRUE(CCollectSdkCfg::GetInstance()->Parse(doc));
 }
 
-// A topic served in this process, so posts are handled on the posting thread. After Hold()
-// the handler blocks until Release().
+// A topic served in this process, so posts are handled on the posting thread; `onPost` (when
+// set) runs inside the handler after the message is recorded.
 class Topic {
  public:
-  explicit Topic(std::string name) : name_(std::move(name)) {
-    EXPECT_EQ(nuv_comm_register(name_.c_str(), &Topic::Receive, this), 0);
+  explicit Topic(std::string name) : name(std::move(name)) {
+    EXPECT_EQ(nuv_comm_register(this->name.c_str(), &Topic::Receive, this), 0);
   }
-  ~Topic() { nuv_comm_unregister(name_.c_str()); }
-  const std::string& name() const { return name_; }
+  ~Topic() { nuv_comm_unregister(name.c_str()); }
   std::vector<std::string> Take() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(messages_, {});
   }
-  void Hold() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hold_ = true, entered_ = false;
-  }
-  void WaitEntered() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return entered_; });
-  }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    hold_ = false;
-    changed_.notify_all();
-  }
+  const std::string name;
+  std::function<void()> onPost;
 
  private:
   static int Receive(comm_data* request, comm_data*, void* user) {
@@ -82,19 +56,15 @@ class Topic {
     void* bytes = nullptr;
     unsigned int length = 0;
     if (nuv_comm_get_data(request, &bytes, &length) != 0) return -1;
-    std::unique_lock<std::mutex> lock(self->mutex_);
-    self->messages_.emplace_back(static_cast<const char*>(bytes), length);
-    self->entered_ = true;
-    self->changed_.notify_all();
-    self->changed_.wait(lock, [self] { return !self->hold_; });
+    {
+      std::lock_guard<std::mutex> lock(self->mutex_);
+      self->messages_.emplace_back(static_cast<const char*>(bytes), length);
+    }
+    if (self->onPost) self->onPost();
     return 0;
   }
-
-  std::string name_;
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<std::string> messages_;
-  bool hold_ = false, entered_ = false;
 };
 
 CMonitorData Monitor(const std::string& id, const std::string& image, int pid,
@@ -154,7 +124,7 @@ json_t* CheckPost(const std::string& text, const CMonitorData& m, const std::str
 TEST(CWorker, HitThenRecoveryPostsOldestThenAllNewestFirst) {
   SetCollect(5, 50);
   Topic topic("worker:series");
-  const CMonitorData monitor = Monitor("w1", "/opt/demo.bin", 4242, "C>50/20", topic.name());
+  const CMonitorData monitor = Monitor("w1", "/opt/demo.bin", 4242, "C>50/20", topic.name);
   CWorker worker;
   ASSERT_EQ(worker.CreateWorker(monitor).code, 0);
   EXPECT_EQ(worker.GetKey(), CreateKey("/opt/demo.bin", 4242));
@@ -207,7 +177,7 @@ TEST(CWorker, SampleKindsFixedMonitorAndRefusals) {
     const int pid[] = {4242, 0, 3};
     const char* name[] = {"demo", "system", "processpoint"};
     const CMonitorData m =
-        Monitor(row.id, image[row.kind], pid[row.kind], row.condition, topic.name());
+        Monitor(row.id, image[row.kind], pid[row.kind], row.condition, topic.name);
     CWorker worker;
     ASSERT_EQ(worker.CreateWorker(m).code, 0) << row.id;
     for (int n = 1; n <= 4; ++n) {
@@ -233,8 +203,7 @@ TEST(CWorker, SampleKindsFixedMonitorAndRefusals) {
   // Refused definitions leave a reset worker.
   for (const auto& [frequency, condition, reason] :
        {std::tuple{5, "C>80", "set condition failed, condition = C>80."},
-        {5, "C>80/1", "set condition failed, condition = C>80/1."},
-        {0, "C>80/60", "collect frequency = 0, condition = C>80/60."}}) {
+         {0, "C>80/60", "collect frequency = 0, condition = C>80/60."}}) {
     SetCollect(frequency, 50);
     CWorker worker;
     CError error;
@@ -264,8 +233,8 @@ TEST(CWorker, SampleKindsFixedMonitorAndRefusals) {
 TEST(CWorker, DependentRunsOnlyUnderItsParent) {
   SetCollect(5, 50);
   Topic topic("worker:depend");
-  const CMonitorData parentDef = Monitor("p", "system", 0, "C>50/5", topic.name());
-  const CMonitorData childDef = Monitor("c", "system", 0, "C>50/10", topic.name(), "p");
+  const CMonitorData parentDef = Monitor("p", "system", 0, "C>50/5", topic.name);
+  const CMonitorData childDef = Monitor("c", "system", 0, "C>50/10", topic.name, "p");
   CWorker orphan;  // however full and hitting its window, it never executes alone
   ASSERT_EQ(orphan.CreateWorker(childDef).code, 0);
   for (int n = 0; n < 4; ++n) ASSERT_EQ(orphan.Do(System(n, 90)).code, 0);
@@ -304,42 +273,36 @@ TEST(CWorker, DependentRunsOnlyUnderItsParent) {
   }
 }
 
-// Removal waits while a delivery runs on the worker or below it, logging after every three
-// refused tries, and completes once the delivery is over.
+// Removal waits while a delivery runs on the worker or below it (a real delivery on root "r",
+// a held reference on "c" under "g"), logging after every three refused tries.
 TEST(CWorker, RemovalWaitsForDeliveryInProgress) {
   SetCollect(5, 50);
   nuv_time_set_tick_scale(1);  // the waits are timed below
   Topic gate("worker:gate");
   const std::string sys = CreateKey("system", 0), childKey = CreateKey("/opt/c.bin", 7);
-  const char* const kManager = "[ERROR] [CWorkerManager]::";
-  const char* const kWorker = "[ERROR] [CWorker]::";
   const struct {
-    bool holdChild;  // else a delivery on root "r" is held inside its post
+    bool deliverRoot;  // else "c" is held by a reference
     std::function<void(CWorkerManager&)> remove;
-    std::string line;
+    std::string line;  // after "[ERROR] "
     const char* left;  // the workers still present afterwards, of "r", "g" and its child "c"
   } rows[] = {
-      {false, [](CWorkerManager& m) { m.DeleteWorkerByID("r"); },
-       kManager + std::string("DeleteWorkerByID failed. IsDelete ref, id = r."), "gc"},
-      {false, [&](CWorkerManager& m) { m.DeleteWorkerByKey(sys); },
-       kManager + std::string("DeleteWorkerByKey failed. IsDelete ref, id = r."), ""},
-      {false, [](CWorkerManager& m) { m.DestroyWorker(); },
-       kManager + std::string("DestroyWorker failed. IsDelete ref, id = r."), ""},
-      {true, [](CWorkerManager& m) { m.DeleteWorkerByID("c"); },
-       kWorker + std::string("DeleteWorkerByID failed. IsDelete ref, id = c."), "rg"},
-      {true, [&](CWorkerManager& m) { m.DeleteWorkerByKey(childKey); },
-       kWorker + std::string("DeleteWorkerByKey failed. IsDelete ref, id = c."), "rg"},
+      {true, [](CWorkerManager& m) { m.DeleteWorkerByID("r"); },
+       "[CWorkerManager]::DeleteWorkerByID failed. IsDelete ref, id = r.", "gc"},
+      {false, [](CWorkerManager& m) { m.DeleteWorkerByID("c"); },
+       "[CWorker]::DeleteWorkerByID failed. IsDelete ref, id = c.", "rg"},
       {true, [](CWorkerManager& m) { m.DestroyWorker(); },
-       kWorker + std::string("DestroyWorker failed. IsDelete ref, id = c."), ""},
-      {true, [](CWorkerManager& m) { m.DeleteWorkerByID("g"); },
-       kManager + std::string("DeleteWorkerByID failed. IsDelete ref, id = g."), "r"},
+       "[CWorkerManager]::DestroyWorker failed. IsDelete ref, id = r.", ""},
+      {false, [](CWorkerManager& m) { m.DestroyWorker(); },
+       "[CWorker]::DestroyWorker failed. IsDelete ref, id = c.", ""},
+      {false, [](CWorkerManager& m) { m.DeleteWorkerByID("g"); },
+       "[CWorkerManager]::DeleteWorkerByID failed. IsDelete ref, id = g.", "r"},
   };
   for (const auto& row : rows) {
     CWorkerManager manager;
     CWorker* root = nullptr;
-    for (const CMonitorData& m : {Monitor("r", "system", 0, "A/5", gate.name()),
-                                  Monitor("g", "system", 0, "A/5", gate.name()),
-                                  Monitor("c", "/opt/c.bin", 7, "A/5", gate.name(), "g")}) {
+    for (const CMonitorData& m : {Monitor("r", "system", 0, "A/5", gate.name),
+                                  Monitor("g", "system", 0, "A/5", gate.name),
+                                  Monitor("c", "/opt/c.bin", 7, "A/5", gate.name, "g")}) {
       auto* worker = new CWorker;
       root = root == nullptr ? worker : root;
       ASSERT_EQ(manager.CreateWorker(m, worker).code, 0);
@@ -348,31 +311,30 @@ TEST(CWorker, RemovalWaitsForDeliveryInProgress) {
     std::vector<CWorker*> child;
     manager.FindWokerByIDNolock("c", child);
     ASSERT_EQ(child.size(), 1u);
+    std::promise<void> entered, release;
+    std::shared_future<void> released = release.get_future().share();
+    gate.onPost = [&] { entered.set_value(), released.wait(); };
     std::thread delivery;
     long heldMs = 0;
     const std::vector<std::string> lines = nuvtest::CaptureMessages([&] {
-      if (row.holdChild) {
-        child[0]->AddRef();
-      } else {
-        gate.Hold();
+      if (row.deliverRoot) {
         delivery = std::thread([root] { EXPECT_EQ(root->Do(System(1)).code, 0); });
-        gate.WaitEntered();
+        entered.get_future().wait();
+      } else {
+        child[0]->AddRef();
       }
       const auto start = std::chrono::steady_clock::now();
       std::future<void> removal = std::async(std::launch::async, [&] { row.remove(manager); });
       EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(120)), std::future_status::timeout);
       heldMs = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                      std::chrono::steady_clock::now() - start).count());
-      if (row.holdChild) {
-        child[0]->SubRef();
-      } else {
-        gate.Release();
-        delivery.join();
-      }
+      row.deliverRoot ? release.set_value() : void(child[0]->SubRef());
+      if (delivery.joinable()) delivery.join();
       removal.get();
     });
+    gate.onPost = nullptr;
     gate.Take();
-    const long tries = std::count(lines.begin(), lines.end(), row.line);
+    const long tries = std::count(lines.begin(), lines.end(), "[ERROR] " + row.line);
     EXPECT_GE(tries, 1) << ::testing::PrintToString(lines);
     EXPECT_LE(tries, heldMs / 30 + 1) << heldMs;  // three tries 10 ms apart per message
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
@@ -393,10 +355,10 @@ TEST(CWorker, ChildrenKeepTheirCellsThroughGrowthAndErasure) {
   SetCollect(5, 50);
   Topic topic("worker:growth");
   CWorker parent;
-  ASSERT_EQ(parent.CreateWorker(Monitor("g", "system", 0, "A/5", topic.name())).code, 0);
+  ASSERT_EQ(parent.CreateWorker(Monitor("g", "system", 0, "A/5", topic.name)).code, 0);
   constexpr int kFull = 32, kCells = 4, kMore = 300;
   auto def = [&](int n) {
-    return Monitor("c" + std::to_string(n), "system", 0, "A/20", topic.name(), "g");
+    return Monitor("c" + std::to_string(n), "system", 0, "A/20", topic.name, "g");
   };
   auto find = [&](int n) {
     std::vector<CWorker*> found;

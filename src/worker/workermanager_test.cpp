@@ -4,7 +4,6 @@
 #include <jansson.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -13,9 +12,7 @@
 #include "common/jsonutil.h"
 #include "common/utils.h"
 #include "config/config_collect.h"
-#include "nuv_comm.h"
-#include "testutil/testutil.h"
-#include "testutil/testutil.h"
+#include "file/file_test_support.h"
 
 namespace {
 
@@ -23,14 +20,13 @@ using Ids = std::vector<std::string>;
 const char kTopic[] = "workermanager:posts";
 
 // The bus, with kTopic collecting the monitor ids of the records posted to it.
-class BusEnvironment : public ::testing::Environment {
+class BusEnvironment : public filetest::BusEnvironment {
  public:
+  BusEnvironment() : filetest::BusEnvironment(false) {}
   void SetUp() override {
-    setenv("NUV_COMM_DIR", dir_.Sub("comm").c_str(), 1);
-    ASSERT_EQ(nuv_comm_init(), 0);
+    filetest::BusEnvironment::SetUp();
     ASSERT_EQ(nuv_comm_register(kTopic, Receive, nullptr), 0);
   }
-  void TearDown() override { nuv_comm_uninit(); }
   static Ids Take() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(ids_, {});
@@ -42,14 +38,12 @@ class BusEnvironment : public ::testing::Environment {
     unsigned int length = 0;
     if (nuv_comm_get_data(request, &bytes, &length) != 0) return -1;
     json_t* root = json_loadb(static_cast<const char*>(bytes), length, 0, nullptr);
-    std::lock_guard<std::mutex> lock(mutex_);
     const char* id = json_string_value(json_object_get(root, "id"));
+    std::lock_guard<std::mutex> lock(mutex_);
     ids_.push_back(id != nullptr ? id : "<bad record>");
     json_decref(root);
     return 0;
   }
-
-  nuvtest::TempDir dir_;
   static inline std::mutex mutex_;
   static inline Ids ids_;
 };
@@ -134,9 +128,8 @@ TEST(CWorkerManager, InsertFindDispatchDelete) {
     const std::string& key;
     const char* id;
     bool found;
-  } finds[] = {{sys, "a", true},   {sys, "d", true},   {demo, "c", true},
-               {CreateKey("processpoint", 3), "p", true}, {y, "f", true}, {z, "g", true},
-               {sys, "c", false},  {demo, "a", false}, {CreateKey("System", 0), "a", false}};
+  } finds[] = {{sys, "a", true}, {sys, "d", true}, {demo, "c", true}, {y, "f", true},
+               {z, "g", true},   {sys, "c", false}, {CreateKey("System", 0), "a", false}};
   for (const auto& f : finds) EXPECT_EQ(manager.FindWorker(f.key, f.id), f.found) << f.id;
   for (const char* id : {"f", "g"}) {
     std::vector<CWorker*> copies;
