@@ -1,16 +1,11 @@
-// Burying points from other processes into the running daemon's store: posted over the bus by
-// this test process and by nuvctl, read back from the store as an operator would.
+// Burying points from other processes into the running daemon's store: posted over the bus by this
+// test process and by nuvctl, read back from the store as an operator would.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
-#include <ctime>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "nuv_comm.h"
@@ -37,60 +32,22 @@ int Post(const std::string& text) {
 class BpEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(nuvtest::MakeInstallTree(tree_, {"nuv_maintd", "nuvctl"}));
-    // The default configuration keeps the store in "../data": beside bin/ of the tree.
-    ASSERT_TRUE(
-        nuvtest::WriteFile(tree_.Sub("config/maintenance.json"),
-                           nuvtest::ReadFile(nuvtest::BuildDir() + "/config/maintenance.json")));
-    env_ = {"NUV_COMM_DIR=" + tree_.Sub("comm"), "NUV_LOG_FILE=" + tree_.Sub("maint.log")};
+    ASSERT_TRUE(tree_.ok());
     setenv("NUV_COMM_DIR", tree_.Sub("comm").c_str(), 1);
     ASSERT_EQ(nuv_comm_init(), 0);
-    daemon_ = nuvtest::Spawn({tree_.Sub("bin/nuv_maintd"), "--log-level", "3"}, env_, "",
-                             tree_.Sub("daemon.out"), tree_.Sub("daemon.err"));
-    for (int i = 0; i < 500 && Stderr().find("started") == std::string::npos; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_NE(Stderr().find("started"), std::string::npos) << Stderr();
+    ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
   }
-
   void TearDown() override {
-    if (daemon_ > 0) StopDaemon();
+    tree_.Stop();
     nuv_comm_uninit();
   }
-
-  std::string Stderr() { return nuvtest::ReadFile(tree_.Sub("daemon.err")); }
-
-  // SIGTERM; the daemon's exit writes out what the store still buffers.
-  void StopDaemon() {
-    kill(daemon_, SIGTERM);
-    EXPECT_EQ(nuvtest::WaitExit(daemon_), 0) << Stderr();
-    daemon_ = -1;
+  // The daemon's exit writes out what the store still buffers; then the stream as nuvctl reads it.
+  nuvtest::RunResult StopAndCat(const std::string& name) {
+    EXPECT_EQ(tree_.Stop(), 0) << tree_.DaemonErr();
+    return tree_.Nuvctl({"store", "cat", name, "0", "256"});
   }
 
-  // nuvctl's exit code and standard output.
-  std::pair<int, std::string> Nuvctl(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), tree_.Sub("bin/nuvctl"));
-    nuvtest::WriteFile(tree_.Sub("nuvctl.in"), input);
-    const int code = nuvtest::WaitExit(nuvtest::Spawn(
-        args, env_, tree_.Sub("nuvctl.in"), tree_.Sub("nuvctl.out"), tree_.Sub("nuvctl.err")));
-    EXPECT_NE(code, 2) << nuvtest::ReadFile(tree_.Sub("nuvctl.err"));
-    return {code, nuvtest::ReadFile(tree_.Sub("nuvctl.out"))};
-  }
-
-  bool Logged(const std::string& message) {
-    const std::string tail = ")] " + message;
-    for (const std::string& line : nuvtest::ReadLines(tree_.Sub("maint.log"))) {
-      if (line.size() >= tail.size() &&
-          line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
-        return true;
-      }
-    }
-    return false;
-  }
-
-  nuvtest::TempDir tree_;
-  std::vector<std::string> env_;
-  int daemon_ = -1;
+  nuvtest::DaemonTree tree_;
 };
 
 TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
@@ -98,65 +55,61 @@ TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   EXPECT_EQ(Post(direct), 0);
   EXPECT_EQ(Post(Point("/usr/bin/e2eagent:1", "7")), static_cast<int>(0x84CE0004u));
 
-  auto [code, out] = Nuvctl({"bp", "--type", "256", "--focus", "/opt/e2eagent:99", "--echo"});
-  const std::string built = out.substr(0, out.find('\n'));
-  EXPECT_EQ(code, 0);
-  EXPECT_EQ(out, built + "\n0x00000000 (success)\n");
+  const nuvtest::RunResult bp =
+      tree_.Nuvctl({"bp", "--type", "256", "--focus", "/opt/e2eagent:99", "--echo"});
+  const std::string built = bp.out.substr(0, bp.out.find('\n'));
+  EXPECT_EQ(bp.code, 0) << bp.err;
+  EXPECT_EQ(bp.out, built + "\n0x00000000 (success)\n");
 
   // Layout and spacing of the posted text are kept.
   const std::string fromFile = "{ \"extra\": 1,\n" + Point("e2eagent:0").substr(1);
   ASSERT_TRUE(nuvtest::WriteFile(tree_.Sub("point.json"), fromFile));
-  EXPECT_EQ(Nuvctl({"post", kTopic, tree_.Sub("point.json")}),
-            std::make_pair(0, std::string("0x00000000 (success)\n")));
+  const nuvtest::RunResult posted = tree_.Nuvctl({"post", kTopic, tree_.Sub("point.json")});
+  EXPECT_EQ(posted.code, 0);
+  EXPECT_EQ(posted.out, "0x00000000 (success)\n");
   std::string unsupported = Point("/bin/e2eagent:1");
   unsupported.replace(unsupported.find("\"1.0\""), 5, "\"1.00\"");
-  EXPECT_EQ(Nuvctl({"post", kTopic, "-"}, unsupported),
-            std::make_pair(1, std::string("0x84CE0004 (burying point invalid)\n")));
+  const nuvtest::RunResult refused = tree_.Nuvctl({"post", kTopic, "-"}, unsupported);
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_EQ(refused.out, "0x84CE0004 (burying point invalid)\n");
 
-  StopDaemon();
-  EXPECT_EQ(Nuvctl({"store", "cat", "e2eagent", "0", "256"}),
-            std::make_pair(0, direct + "\n" + built + "\n" + fromFile + "\n"));
-  char day[16];
-  const std::time_t now = std::time(nullptr);
-  std::strftime(day, sizeof day, "%Y%m%d", std::localtime(&now));
-  EXPECT_EQ(nuvtest::ReadFile(tree_.Sub("data/") + day + "/e2eagent/e2eagent-0-256"),
-            direct + built + fromFile);
-
-  EXPECT_TRUE(Logged("[bpmgr]start buryingpoint mgr success."));
-  EXPECT_TRUE(Logged("[bpmgr] check bp data failed with error:102-bp header/agent_id is invalid"));
-  EXPECT_TRUE(
-      Logged("[bpmgr] check bp data failed with error:102-BP header/type:1.00 is not support"));
-  EXPECT_TRUE(Logged("[bpmgr]stop buryingpoint mgr."));
+  const nuvtest::RunResult stored = StopAndCat("e2eagent");
+  EXPECT_EQ(stored.code, 0);
+  EXPECT_EQ(stored.out, direct + "\n" + built + "\n" + fromFile + "\n");
+  EXPECT_EQ(
+      tree_.Count("[bpmgr] check bp data failed with error:102-bp header/agent_id is invalid"), 1);
+  EXPECT_EQ(
+      tree_.Count("[bpmgr] check bp data failed with error:102-BP header/type:1.00 is not support"),
+      1);
 }
 
 TEST_F(BpEndToEnd, ConcurrentPostersLoseNothing) {
-  constexpr int kThreads = 4;
-  constexpr int kEach = 25;
+  constexpr int kThreads = 4, kEach = 25;
+  std::vector<std::string> expected;
+  for (int i = 0; i < kThreads * kEach; ++i)
+    expected.push_back(Point("/bin/crowd:" + std::to_string(i)));
   std::vector<std::thread> posters;
   std::vector<int> failures(kThreads, 0);
   for (int t = 0; t < kThreads; ++t) {
-    posters.emplace_back([t, &failures] {
-      for (int i = 0; i < kEach; ++i)
-        failures[t] += Post(Point("/bin/crowd:" + std::to_string(t * 100 + i))) != 0;
+    posters.emplace_back([t, &failures, &expected] {
+      for (int i = t * kEach; i < (t + 1) * kEach; ++i) failures[t] += Post(expected[i]) != 0;
     });
   }
   for (std::thread& poster : posters) poster.join();
   EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
-  StopDaemon();
 
-  const auto [code, out] = Nuvctl({"store", "cat", "crowd", "0", "256"});
-  ASSERT_EQ(code, 0);
-  std::vector<std::string> expected;
-  std::vector<std::string> records;
-  std::istringstream lines(out);
-  for (std::string record; std::getline(lines, record);) records.push_back(record);
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kEach; ++i)
-      expected.push_back(Point("/bin/crowd:" + std::to_string(t * 100 + i)));
-  }
-  std::sort(records.begin(), records.end());
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(records, expected);
+  const nuvtest::RunResult stored = StopAndCat("crowd");
+  ASSERT_EQ(stored.code, 0);
+  std::string all;
+  for (const std::string& point : expected) all += point + "\n";
+  const auto sortedLines = [](const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+      lines.push_back(text.substr(at, end - at));
+    std::sort(lines.begin(), lines.end());
+    return lines;
+  };
+  EXPECT_EQ(sortedLines(stored.out), sortedLines(all));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// nuvctl store run as an operator runs it, against a store written byte by byte from its
-// formats: index lines "%010d %010d\n", records back to back, BASE/DAY/NAME/{index-,}NAME-PID-TYPE.
+// nuvctl store run as an operator runs it, against a store written byte by byte from its formats:
+// index lines "%010d %010d\n", records back to back, BASE/DAY/NAME/{index-,}NAME-PID-TYPE.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,12 +21,6 @@ bool Exists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
 }
-
-struct Result {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
 
 // Whitespace-separated fields of every stdout line after the header.
 Rows Table(const std::string& text) {
@@ -96,20 +90,16 @@ class NuvctlStore : public ::testing::Test {
   }
 
   // Runs nuvctl with `args`, the environment holding only PATH (for tar) and the clock offset.
-  Result Run(std::vector<std::string> args) {
+  nuvtest::RunResult Run(std::vector<std::string> args) {
     args.insert(args.begin(), nuvtest::BuildDir() + "/bin/nuvctl");
     const char* path = std::getenv("PATH");
-    Result result;
-    result.code = nuvtest::WaitExit(nuvtest::Spawn(
+    return nuvtest::Run(
         args,
         {std::string("PATH=") + (path ? path : "/usr/bin:/bin"), "NUV_TIME_OFFSET=" + offset_},
-        "", root_.Sub("out"), root_.Sub("err")));
-    result.out = nuvtest::ReadFile(root_.Sub("out"));
-    result.err = nuvtest::ReadFile(root_.Sub("err"));
-    return result;
+        root_);
   }
 
-  Result Store(std::vector<std::string> args) {
+  nuvtest::RunResult Store(std::vector<std::string> args) {
     args.insert(args.begin(), {"store", "--config", config_});
     return Run(args);
   }
@@ -137,7 +127,7 @@ TEST_F(NuvctlStore, LsListsStreamsOfEveryDirectoryWithCounts) {
       {{"ls", "--day", "20240310"}, {tApp, tBp}},
   };
   for (const auto& c : cases) {
-    const Result result = Store(c.args);
+    const nuvtest::RunResult result = Store(c.args);
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(Table(result.out), c.rows) << c.args.back();
   }
@@ -155,15 +145,14 @@ TEST_F(NuvctlStore, CatPrintsRecordsOnePerLine) {
       {{"cat", "bp", "0", "16384"}, "bp\n"},
   };
   for (const auto& c : cases) {
-    const Result result = Store(c.args);
+    const nuvtest::RunResult result = Store(c.args);
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, c.out);
   }
 
-  Result missing = Store({"cat", "gone", "1", "512"});
+  nuvtest::RunResult missing = Store({"cat", "gone", "1", "512"});
   EXPECT_EQ(missing.code, 1);
-  EXPECT_NE(missing.err.find("no stream gone-1-512 on 20240310"), std::string::npos)
-      << missing.err;
+  EXPECT_NE(missing.err.find("no stream gone-1-512 on 20240310"), std::string::npos) << missing.err;
   EXPECT_FALSE(Exists(store_ + "/20240310/gone"));  // reading creates nothing
   EXPECT_EQ(Store({"cat", "app", "7", "512", "--from", "4"}).code, 1);
 }
@@ -177,14 +166,13 @@ TEST_F(NuvctlStore, UsageErrorsAndHelp) {
       {{}, 2, "usage: nuvctl"},
       {{"frob"}, 2, "unknown command 'frob'"},
       {{"--help"}, 0, "store "},
-      {{"help", "store"}, 0, "cat NAME PID TYPE"},
       {{"store"}, 2, "an action is needed"},
       {{"store", "ls", "--from", "2"}, 2, "--from does not apply to 'ls'"},
       {{"store", "ls", "--day", "20241301"}, 2, "--day takes a date"},
       {{"store", "--config", "/nonexistent/m.json", "ls"}, 1, "cannot load the configuration"},
   };
   for (const auto& c : cases) {
-    const Result result = Run(c.args);
+    const nuvtest::RunResult result = Run(c.args);
     EXPECT_EQ(result.code, c.code) << result.err;
     const std::string& text = c.code == 0 ? result.out : result.err;
     EXPECT_NE(text.find(c.text), std::string::npos) << text;
@@ -192,7 +180,7 @@ TEST_F(NuvctlStore, UsageErrorsAndHelp) {
 }
 
 TEST_F(NuvctlStore, VerifyListsEveryBrokenPair) {
-  Result whole = Store({"verify"});
+  nuvtest::RunResult whole = Store({"verify"});
   EXPECT_EQ(whole.code, 0) << whole.out;
   EXPECT_EQ(whole.out, "5 pairs whole\n");
 
@@ -203,18 +191,17 @@ TEST_F(NuvctlStore, VerifyListsEveryBrokenPair) {
   ASSERT_TRUE(nuvtest::WriteFile(pastEnd, "0000000000 0000000002\n0000000002 0000000003\n"));
   ASSERT_EQ(::unlink(Pair(store_, "20240301", "old", 1, 512, false).c_str()), 0);
 
-  const Result broken = Store({"verify"});
+  const nuvtest::RunResult broken = Store({"verify"});
   EXPECT_EQ(broken.code, 1);
   EXPECT_EQ(broken.out,
-            "bad pair: " + orphan + ": content file missing\n" +
-            "bad pair: " + pastEnd +
-            ": line 2 (offset 2, length 3) ends past the content's 4 bytes\n" +
-            "bad pair: " + partial + ": index ends in a partial line of 13 bytes after line 3\n" +
-            "3 of 5 pairs bad\n");
+            "bad pair: " + orphan + ": content file missing\nbad pair: " + pastEnd +
+                ": line 2 (offset 2, length 3) ends past the content's 4 bytes\nbad pair: " +
+                partial + ": index ends in a partial line of 13 bytes after line 3\n" +
+                "3 of 5 pairs bad\n");
 }
 
 TEST_F(NuvctlStore, CleanPacksYesterdayAndRemovesExpiredDays) {
-  const Result result = Store({"clean"});
+  const nuvtest::RunResult result = Store({"clean"});
   EXPECT_EQ(result.code, 0) << result.err;
   EXPECT_NE(result.err.find("[CClearn]:: dir compress success. dir = " + store_ + "/20240309"),
             std::string::npos)
@@ -227,7 +214,7 @@ TEST_F(NuvctlStore, CleanPacksYesterdayAndRemovesExpiredDays) {
   const std::string list = "tar -tzf '" + store_ + "/20240309.tgz' | grep -qx ./web/web-8-256";
   EXPECT_EQ(std::system(list.c_str()), 0);
   EXPECT_FALSE(Exists(store_ + "/20240301.tgz"));  // expired days are not packed
-  const Result after = Store({"ls"});
+  const nuvtest::RunResult after = Store({"ls"});
   EXPECT_EQ(Table(after.out).size(), 2u) << after.out;
 }
 

@@ -6,13 +6,17 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace nuvtest {
 
@@ -145,6 +149,71 @@ int WaitExit(int pid) {
   int status = 0;
   if (pid <= 0 || ::waitpid(pid, &status, 0) != pid) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+RunResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+              const TempDir& dir, const std::string& input) {
+  const std::string in = input.empty() ? "" : dir.Sub("run.in");
+  RunResult r;
+  if (!in.empty() && !WriteFile(in, input)) return r;
+  r.code = WaitExit(Spawn(argv, env, in, dir.Sub("run.out"), dir.Sub("run.err")));
+  r.out = ReadFile(dir.Sub("run.out"));
+  r.err = ReadFile(dir.Sub("run.err"));
+  return r;
+}
+
+DaemonTree::DaemonTree(const std::vector<std::string>& tools)
+    : env_{"NUV_COMM_DIR=" + dir_.Sub("comm"), "NUV_LOG_FILE=" + dir_.Sub("maint.log")} {
+  const std::string config = ReadFile(BuildDir() + "/config/maintenance.json");
+  ok_ = MakeInstallTree(dir_, tools) && !config.empty() && WriteFile(ConfigPath(), config);
+}
+
+DaemonTree::~DaemonTree() { Stop(); }
+
+int DaemonTree::Start(const std::vector<std::string>& args) {
+  std::vector<std::string> argv(args);
+  argv.insert(argv.begin(), dir_.Sub("bin/nuv_maintd"));
+  pid_ = Spawn(argv, env_, "", dir_.Sub("daemon.out"), dir_.Sub("daemon.err"));
+  return pid_;
+}
+
+bool DaemonTree::StartServing() {
+  if (Start({"--log-level", "3"}) <= 0) return false;
+  for (int i = 0; i < 500; ++i) {
+    if (DaemonErr().find("started") != std::string::npos) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+int DaemonTree::Wait() {
+  const int code = WaitExit(pid_);
+  pid_ = -1;
+  return code;
+}
+
+int DaemonTree::Stop() {
+  if (pid_ > 0) ::kill(pid_, SIGTERM);
+  return Wait();
+}
+
+RunResult DaemonTree::Nuvctl(std::vector<std::string> args, const std::string& input) const {
+  args.insert(args.begin(), dir_.Sub("bin/nuvctl"));
+  return Run(args, env_, dir_, input);
+}
+
+std::vector<std::string> DaemonTree::Messages() const {
+  std::vector<std::string> out;
+  for (const std::string& line : ReadLines(dir_.Sub("maint.log"))) {
+    const size_t p = line.find(")] ");
+    out.push_back(p == std::string::npos ? line : line.substr(p + 3));
+  }
+  return out;
+}
+
+int DaemonTree::Count(const std::string& message) const {
+  const std::vector<std::string> m = Messages();
+  return static_cast<int>(std::count(m.begin(), m.end(), message));
 }
 
 std::string Message(const std::string& line) {

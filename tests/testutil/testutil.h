@@ -52,6 +52,50 @@ int Spawn(const std::vector<std::string>& argv, const std::vector<std::string>& 
 // Waits for `pid`: its exit status, or 128 + the signal that ended it; -1 when it cannot wait.
 int WaitExit(int pid);
 
+// What a finished process left: its exit status (as WaitExit) and standard output and error.
+struct RunResult {
+  int code = -1;
+  std::string out;
+  std::string err;
+};
+// Runs `argv` to its end with exactly the environment `env`, `input` on its standard input and
+// its output and error collected through files in `dir`.
+RunResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+              const TempDir& dir, const std::string& input = "");
+
+// An installation tree (see MakeInstallTree) holding `tools` and the shipped configuration, in
+// which nuv_maintd runs with a private bus (NUV_COMM_DIR=<tree>/comm) and log (<tree>/maint.log),
+// and nuvctl runs with that same environment. A daemon still running is stopped on destruction.
+class DaemonTree {
+ public:
+  explicit DaemonTree(const std::vector<std::string>& tools = {"nuv_maintd", "nuvctl"});
+  ~DaemonTree();
+  DaemonTree(const DaemonTree&) = delete;
+  DaemonTree& operator=(const DaemonTree&) = delete;
+
+  bool ok() const { return ok_; }  // laid out and configured
+  std::string Sub(const std::string& rel) const { return dir_.Sub(rel); }
+  std::string ConfigPath() const { return dir_.Sub("config/maintenance.json"); }
+  // Starts nuv_maintd with `args`, standard output and error to <tree>/daemon.{out,err}; its pid.
+  int Start(const std::vector<std::string>& args);
+  // Starts it at log level 3 and waits up to 5 s until it reports that it serves.
+  bool StartServing();
+  int Wait();  // the started daemon's exit status; -1 when none was started
+  int Stop();  // SIGTERM, then Wait()
+  std::string DaemonOut() const { return ReadFile(dir_.Sub("daemon.out")); }
+  std::string DaemonErr() const { return ReadFile(dir_.Sub("daemon.err")); }
+  RunResult Nuvctl(std::vector<std::string> args, const std::string& input = "") const;
+  // The daemon log's lines, each from after its "[file(line)] " source.
+  std::vector<std::string> Messages() const;
+  int Count(const std::string& message) const;  // lines of Messages() equal to `message`
+
+ private:
+  TempDir dir_;
+  std::vector<std::string> env_;
+  int pid_ = -1;
+  bool ok_ = false;
+};
+
 // A platform log line reduced to "[LEVEL] message": the "[PID:...]\t", the "\t[ZOR]" tag and
 // the "[file(line)] " source are dropped. A line without that shape is returned whole.
 std::string Message(const std::string& line);
