@@ -78,28 +78,22 @@ void ReleaseSections() {
   CAdditionCtrlor::ReleaseInstance();
 }
 
-struct LoadResult {
+// Loads `text` (no file when nullopt) from a fresh file; log lines are "[LEVEL] message".
+struct LoadText {
+  explicit LoadText(const std::optional<std::string>& text) {
+    EXPECT_TRUE(!text || nuvtest::WriteFile(path, *text));
+    log = nuvtest::CaptureMessages([&] { error = mgr.LoadConfig(path); });
+    EXPECT_EQ(mgr.GetPath(), path);
+  }
+  nuvtest::TempDir dir;
+  const std::string path = dir.Sub("maintenance.json");
+  ConfigMgr mgr;
   CError error;
-  std::string path;
-  std::vector<std::string> log;  // "[LEVEL] message"
+  std::vector<std::string> log;
 };
 
-// Loads `text` (no file when nullopt) from a fresh file with the platform log captured.
-LoadResult LoadText(const std::optional<std::string>& text) {
-  nuvtest::TempDir dir;
-  LoadResult r;
-  r.path = dir.Sub("maintenance.json");
-  EXPECT_TRUE(!text || nuvtest::WriteFile(r.path, *text));
-  r.log = nuvtest::CaptureMessages([&] {
-    ConfigMgr mgr;
-    r.error = mgr.LoadConfig(r.path);
-    EXPECT_EQ(mgr.GetPath(), r.path);
-  });
-  return r;
-}
-
 void LoadOk(const std::string& text) {
-  const LoadResult r = LoadText(text);
+  const LoadText r(text);
   ASSERT_EQ(r.error.code, 0) << r.error.desc << ::testing::PrintToString(r.log);
   ASSERT_EQ(r.error.desc, "success");
 }
@@ -154,7 +148,7 @@ TEST_F(ConfigTest, LoaderReportsCodeTagAndErrorLines) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ReleaseSections();
-    const LoadResult r = LoadText(c.content);
+    const LoadText r(c.content);
     EXPECT_EQ(r.error.code, c.code);
     EXPECT_EQ(r.error.desc, WithPath(c.desc, r.path));
     std::vector<std::string> errors, info, expected;
@@ -175,8 +169,7 @@ TEST_F(ConfigTest, LoaderReportsCodeTagAndErrorLines) {
 TEST_F(ConfigTest, ValuesReachTheirSections) {
   // An unused member long enough for the file to be 1.5 MiB in lines far over any read buffer.
   const std::string padding = "\"" + std::string(3 * kMiB / 2, 'x') + "\"";
-  const LoadResult r =
-      LoadText(Edit({{"\"addition\": ", "\"pad\": " + padding + ", \"addition\": "}}));
+  const LoadText r(Edit({{"\"addition\": ", "\"pad\": " + padding + ", \"addition\": "}}));
   ASSERT_EQ(r.error.code, 0) << r.error.desc;
   EXPECT_EQ(r.error.desc, "success");
   EXPECT_EQ(r.log.back(), "[INFO] [ConfigMgr]::LoadConfig success.");

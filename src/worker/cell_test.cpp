@@ -50,62 +50,58 @@ const std::string kHeader =
     R"({"header": {"id": "m1", "name": "cpu watch", "subscriber": "sub", "version": "1.0", )"
     R"("product": "Prod", "product_version": "v2", )";
 
-TEST(CCell, ProcessForm) {
-  for (const auto& [condition, hit] : {std::pair{"M>6", "true"}, std::pair{"M>7", "false"}}) {
-    CProcessCell cell;
-    ASSERT_EQ(cell.ConstructCell(Process(42), condition).code, 0);
-    EXPECT_EQ(cell.GetName() + ":" + std::to_string(cell.GetPid()), "app:42");
+// One row per output form; the process fields are shared by the single and the all-process forms.
+TEST(CCell, OutputForms) {
+  const std::string cpu = R"("cpu": 12.5, "usertime": 60, "kerneltime": 40, "totaltime": 200, )";
+  const auto tail = [](const std::string& pid) {
+    return R"("threads": 8, "handles": 9, "pid": )" + pid +
+           R"(, "parentid": 1, "cputime": 100, "createtime": 4294967295, "readbytes": 7, )"
+           R"("writebytes": -1, "commandline": "app --run", "image": "app", "path": "/usr/bin/app"})";
+  };
+  const std::string one = "{" + cpu + R"("memorycommit": 300, "memory": 4294967303, )"
+                          R"("iorspeed": 5, "iowspeed": 6, "hit": )";
+  const std::string item = "{" + cpu + R"("memory": 4294967303, "memorycommit": 300, )"
+                           R"("iorspeed": 5, "iowspeed": 6, )";
+  const std::string sys =
+      R"({"cpu": 95.0, "procnum": 120, "handlenum": 3000, "threadnum": 800, "memory": 5000, )"
+      R"("memtotal": 8000, "memavai": 3000, "cpunum": 4, "swap_usage": 0.25, "swap_used": 100, )"
+      R"("swap_total": 400, "cpu_iowait_percent": 1.5})";
+  const struct {
+    std::string focus, condition, dependent;
+    bool hit;
+    std::string body;
+  } rows[] = {
+      {"/usr/bin/app:42", "M>6", "", true, one + "true, " + tail("42")},
+      {"/usr/bin/app:42", "M>7", "", false, one + "false, " + tail("42")},
+      {"system:0", "M>4999", "parent", true, sys},  // "M" is total minus available: 5000.
+      {"system:0", "M>5000", "", false, sys},
+      {"processpoint:3", "A", "", true, "[" + item + tail("10") + ", " + item + tail("11") + "]"},
+  };
+  for (const auto& r : rows) {
+    CProcessCell process;
+    CSystemCell system;
+    CAllProcessCell all;
+    const char kind = r.focus[0];
+    CCell* cells[] = {&process, &system, &all};
+    CCell* cell = cells[kind == '/' ? 0 : kind == 's' ? 1 : 2];
+    ASSERT_EQ(kind == '/'   ? process.ConstructCell(Process(42), r.condition).code
+              : kind == 's' ? system.ConstructCell(System(), r.condition).code
+                            : all.ConstructCell({Process(10), Process(11)}, r.condition).code,
+              0);
+    EXPECT_EQ(cell->GetResult(), r.hit) << r.condition;
+    // The name is the focus without its directory.
+    EXPECT_EQ(cell->GetName() + ":" + std::to_string(cell->GetPid()),
+              r.focus.substr(r.focus.rfind('/') + 1));
     std::string out = "previous";
-    cell.GetString(Monitor("/usr/bin/app:42", condition + std::string("/60")), out);
-    EXPECT_EQ(WithoutTime(out),
-              kHeader + R"("focus": "/usr/bin/app:42", "condition": ")" + condition +
-                  R"(/60", "handler": "topic:a", "time": "TIME", "agent_id": "Agent"}, )"
-                  R"("body": {"cpu": 12.5, "usertime": 60, "kerneltime": 40, "totaltime": 200, )"
-                  R"("memorycommit": 300, "memory": 4294967303, "iorspeed": 5, "iowspeed": 6, )"
-                  R"("hit": )" + hit + R"(, "threads": 8, "handles": 9, "pid": 42, "parentid": 1, )"
-                  R"("cputime": 100, "createtime": 4294967295, "readbytes": 7, "writebytes": -1, )"
-                  R"("commandline": "app --run", "image": "app", "path": "/usr/bin/app"}})" "\n");
+    cell->GetString(Monitor(r.focus, r.condition + "/60", r.dependent), out);
+    const std::string depend = r.dependent.empty() ? "" : R"("depend_id": "parent", )";
+    EXPECT_EQ(WithoutTime(out), kHeader + R"("focus": ")" + r.focus + R"(", "condition": ")" +
+                                    r.condition + R"(/60", )" + depend +
+                                    R"("handler": "topic:a", "time": "TIME", "agent_id": "Agent"}, )"
+                                    R"("body": )" + r.body + "}\n");
   }
-}
-
-TEST(CCell, SystemFormWithDependency) {
-  CSystemCell cell, exact;
-  // "M" is total minus available: 5000.
-  ASSERT_EQ(cell.ConstructCell(System(), "M>4999").code, 0);
-  ASSERT_EQ(exact.ConstructCell(System(), "M>5000").code, 0);
-  EXPECT_TRUE(cell.GetResult());
-  EXPECT_FALSE(exact.GetResult());
-  EXPECT_EQ(cell.GetName() + ":" + std::to_string(cell.GetPid()), "system:0");
-  std::string out;
-  cell.GetString(Monitor("system:0", "M>4999/60", "parent"), out);
-  EXPECT_EQ(WithoutTime(out),
-            kHeader + R"("focus": "system:0", "condition": "M>4999/60", "depend_id": "parent", )"
-                R"("handler": "topic:a", "time": "TIME", "agent_id": "Agent"}, )"
-                R"("body": {"cpu": 95.0, "procnum": 120, "handlenum": 3000, "threadnum": 800, )"
-                R"("memory": 5000, "memtotal": 8000, "memavai": 3000, "cpunum": 4, )"
-                R"("swap_usage": 0.25, "swap_used": 100, "swap_total": 400, )"
-                R"("cpu_iowait_percent": 1.5}})" "\n");
-}
-
-TEST(CCell, AllProcessForm) {
-  CAllProcessCell cell;
-  ASSERT_EQ(cell.ConstructCell({Process(10), Process(11)}, "A").code, 0);
-  EXPECT_TRUE(cell.GetResult());
-  EXPECT_EQ(cell.GetName() + ":" + std::to_string(cell.GetPid()), "processpoint:3");
-  const std::string item =
-      R"("cpu": 12.5, "usertime": 60, "kerneltime": 40, "totaltime": 200, "memory": 4294967303, )"
-      R"("memorycommit": 300, "iorspeed": 5, "iowspeed": 6, "threads": 8, "handles": 9, "pid": )";
-  const std::string tail =
-      R"(, "parentid": 1, "cputime": 100, "createtime": 4294967295, "readbytes": 7, )"
-      R"("writebytes": -1, "commandline": "app --run", "image": "app", "path": "/usr/bin/app"})";
-  std::string out;
-  cell.GetString(Monitor("processpoint:3", "A/60"), out);
-  EXPECT_EQ(WithoutTime(out),
-            kHeader + R"("focus": "processpoint:3", "condition": "A/60", )"
-                R"("handler": "topic:a", "time": "TIME", "agent_id": "Agent"}, "body": [{)" +
-                item + "10" + tail + ", {" + item + "11" + tail + "]}\n");
-
   CCell bare;
+  std::string out = "previous";
   bare.GetString(Monitor("system:0", "A/60"), out);
   EXPECT_EQ(out, "");
 }
