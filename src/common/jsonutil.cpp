@@ -151,15 +151,24 @@ json_t* JsonUtil::JsonGetObject(std::string path) const {
   return node;
 }
 
-int JsonUtil::JsonGetString(std::string path, std::string& out, int index) const {
+int JsonUtil::FindValue(const std::string& path, int index, json_t** value) const {
   json_t* node = JsonGetObject(path);
   if (node == nullptr) {
     return kNotFound;
   }
   if (JsonTypeGet(node) == kUnknownType) {
-    return kOk;
+    return kUnknownType;
   }
-  json_t* value = index < 0 ? node : Element(node, index);
+  *value = index < 0 ? node : Element(node, index);
+  return kOk;
+}
+
+int JsonUtil::JsonGetString(std::string path, std::string& out, int index) const {
+  json_t* value = nullptr;
+  const int found = FindValue(path, index, &value);
+  if (found != kOk) {
+    return found == kUnknownType ? kOk : found;
+  }
   if (!json_is_string(value)) {
     return kWrongType;
   }
@@ -176,14 +185,11 @@ int JsonUtil::JsonGetString(std::string path, std::string& out, int index) const
 }
 
 int JsonUtil::JsonGetInteger(std::string path, int* out, int index) const {
-  json_t* node = JsonGetObject(path);
-  if (node == nullptr) {
-    return kNotFound;
+  json_t* value = nullptr;
+  const int found = FindValue(path, index, &value);
+  if (found != kOk) {
+    return found;
   }
-  if (JsonTypeGet(node) == kUnknownType) {
-    return kUnknownType;
-  }
-  json_t* value = index < 0 ? node : Element(node, index);
   if (!json_is_integer(value)) {
     return kWrongType;
   }
@@ -195,14 +201,11 @@ int JsonUtil::JsonGetInteger(std::string path, int* out, int index) const {
 }
 
 int JsonUtil::JsonGetDouble(std::string path, double* out, int index) const {
-  json_t* node = JsonGetObject(path);
-  if (node == nullptr) {
-    return kNotFound;
+  json_t* value = nullptr;
+  const int found = FindValue(path, index, &value);
+  if (found != kOk) {
+    return found;
   }
-  if (JsonTypeGet(node) == kUnknownType) {
-    return kUnknownType;
-  }
-  json_t* value = index < 0 ? node : Element(node, index);
   if (!json_is_real(value)) {
     return kWrongType;
   }

@@ -89,6 +89,9 @@ class JsonUtil {
   static int JsonTypeGet(json_t* node);
 
  private:
+  // What the typed getters share: the node at path (kNotFound), of a known type (kUnknownType),
+  // then itself or its element `index`, which may be null.
+  int FindValue(const std::string& path, int index, json_t** value) const;
   void Release();
 
   std::string text_;
