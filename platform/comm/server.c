@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "nuv_syscall.h"
 
 /* Not a valid topic name, so it cannot collide with a socket. */
 #define LOCK_NAME "~lock"
@@ -259,7 +260,8 @@ static void *listener_main(void *arg) {
     }
     if (p[1].revents) break;
     if (!p[0].revents) continue;
-    int fd = accept4(t->listen_fd, NULL, NULL, SOCK_CLOEXEC);
+    int fd =
+        NUV_SYS_CALL(NUV_SYS_ACCEPT4, nuv_sys_accept4_fn)(t->listen_fd, NULL, NULL, SOCK_CLOEXEC);
     if (fd < 0) {
       /* Out of descriptors leaves the connection queued and the socket readable: back off
        * instead of spinning. */

@@ -1,4 +1,9 @@
-/* Files: C stream semantics on an opaque handle, plus whole-file helpers by path. */
+/* Files: C stream semantics on an opaque handle, plus whole-file helpers by path.
+ *
+ * Handles write through: nothing is buffered in the process, so every byte a write reports
+ * has reached the kernel and survives a crash of the process (not a power loss). A short
+ * write reports exactly what reached the file and is never retried into a false success.
+ * Results: counts and sizes as documented per call; everything else 0, or -1 with errno. */
 #ifndef NUV_FILE_H
 #define NUV_FILE_H
 
@@ -14,12 +19,14 @@ typedef struct nuv_file nuv_file_t;
 /* nuv_file_size's answer when the size cannot be known. */
 #define NUV_FILE_SIZE_UNKNOWN UINT64_MAX
 
-/* Opens `path` with an fopen(3) mode ("rb", "ab+", "rb+", ...); the descriptor is close-on-exec.
- * Returns the handle, or NULL with errno set. Large files are supported on 32-bit builds. */
+/* Opens `path` with an fopen(3) mode ("rb", "ab+", "rb+", "w", ...); the descriptor is
+ * close-on-exec and a file it creates gets mode 0640 (before the umask). Returns the handle,
+ * or NULL with errno set (EINVAL for a mode it does not know). Large files are supported on
+ * 32-bit builds. */
 NUV_API nuv_file_t *nuv_file_open(const char *path, const char *mode);
 
-/* Flushes and closes `file` (NULL is ignored). Returns 0, or -1 with errno when the final
- * flush or close failed; the handle is released either way. */
+/* Closes `file` (NULL is ignored). Returns 0, or -1 with errno when close(2) failed; the
+ * handle is released either way. */
 NUV_API int nuv_file_close(nuv_file_t *file);
 
 /* Reads up to `size` bytes into `buf`. Returns the count read: less than `size` only at the
@@ -27,8 +34,9 @@ NUV_API int nuv_file_close(nuv_file_t *file);
  * once; distinct handles are independent. */
 NUV_API size_t nuv_file_read(nuv_file_t *file, void *buf, size_t size);
 
-/* Writes `size` bytes from `buf` (buffered; appended when opened with "a"). Returns the
- * count written; less than `size` on an error (errno set). */
+/* Writes `size` bytes from `buf` straight to the kernel (appended when opened with "a").
+ * Returns the count that reached the file; less than `size` on an error (errno set: ENOSPC,
+ * EDQUOT, EIO, ...), and then exactly that many bytes were added. */
 NUV_API size_t nuv_file_write(nuv_file_t *file, const void *buf, size_t size);
 
 /* Moves the position as fseeko(3) with SEEK_SET, SEEK_CUR or SEEK_END. Returns 0 or -1. */
@@ -38,15 +46,16 @@ NUV_API int nuv_file_fseek(nuv_file_t *file, int64_t offset, int whence);
  * file once anything was written or the handle was positioned; data written lands there. */
 NUV_API int64_t nuv_file_ftell(nuv_file_t *file);
 
-/* Pushes buffered writes to the kernel. Returns 0 or -1 (errno set). */
+/* Pushes buffered writes to the kernel. Handles buffer nothing, so this only checks the
+ * handle: 0, or -1 with EINVAL for NULL. */
 NUV_API int nuv_file_fflush(nuv_file_t *file);
 
-/* The size of the file at `path` on disk, or NUV_FILE_SIZE_UNKNOWN when it cannot be
- * stat(2)ed. Data still buffered in a handle is not counted. */
+/* The size of the file at `path`, or NUV_FILE_SIZE_UNKNOWN when it cannot be stat(2)ed. */
 NUV_API uint64_t nuv_file_size(const char *path);
 
-/* Counts the line feeds in the whole file behind `file` after flushing that handle, so lines
- * written through it and not yet flushed are counted. Reads with pread(2); the handle's
+/* The size of the file behind `file` (fstat(2)), or NUV_FILE_SIZE_UNKNOWN. */
+NUV_API uint64_t nuv_file_handle_size(nuv_file_t *file);
+/* Counts the line feeds in the whole file behind `file`. Reads with pread(2); the handle's
  * position is untouched. Returns the count, or -1 (errno set). */
 NUV_API int64_t nuv_file_getlines(nuv_file_t *file);
 

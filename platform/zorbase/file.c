@@ -7,32 +7,44 @@
 #include <unistd.h>
 
 #include "nuv_file.h"
+#include "nuv_syscall.h"
 
 struct nuv_file {
-  FILE *fp;
+  int fd;
 };
 
+/* fopen(3) mode letters to open(2) flags; -1 for a mode we do not know. */
+static int mode_flags(const char *mode) {
+  int flags;
+  switch (mode[0]) {
+    case 'r': flags = O_RDONLY; break;
+    case 'w': flags = O_WRONLY | O_CREAT | O_TRUNC; break;
+    case 'a': flags = O_WRONLY | O_CREAT | O_APPEND; break;
+    default: return -1;
+  }
+  for (const char *c = mode + 1; *c; ++c) {
+    if (*c == '+') {
+      flags = (flags & ~(O_RDONLY | O_WRONLY)) | O_RDWR;
+    } else if (*c != 'b' && *c != 'e') {
+      return -1;
+    }
+  }
+  return flags | O_CLOEXEC;
+}
+
 nuv_file_t *nuv_file_open(const char *path, const char *mode) {
-  if (!path || !mode) {
+  int flags = (path && mode) ? mode_flags(mode) : -1;
+  if (flags < 0) {
     errno = EINVAL;
     return NULL;
   }
-  /* "e" makes glibc open the descriptor with O_CLOEXEC, so spawned children never inherit it. */
-  char m[16];
-  size_t len = strlen(mode);
-  if (len + 2 > sizeof m) {
-    errno = EINVAL;
-    return NULL;
-  }
-  memcpy(m, mode, len);
-  m[len] = 'e';
-  m[len + 1] = '\0';
   struct nuv_file *f = malloc(sizeof *f);
   if (!f) return NULL;
+  nuv_sys_open_fn sys_open = NUV_SYS_CALL(NUV_SYS_OPEN, nuv_sys_open_fn);
   do {
-    f->fp = fopen(path, m);
-  } while (!f->fp && errno == EINTR);
-  if (!f->fp) {
+    f->fd = sys_open(path, flags, 0640);
+  } while (f->fd < 0 && errno == EINTR);
+  if (f->fd < 0) {
     int saved = errno;
     free(f);
     errno = saved;
@@ -43,9 +55,10 @@ nuv_file_t *nuv_file_open(const char *path, const char *mode) {
 
 int nuv_file_close(nuv_file_t *file) {
   if (!file) return 0;
-  int rc = fclose(file->fp);
+  /* Linux releases the descriptor even when close reports EINTR: never close twice. */
+  int rc = close(file->fd);
   free(file);
-  return rc == 0 ? 0 : -1;
+  return rc == 0 || errno == EINTR ? 0 : -1;
 }
 
 size_t nuv_file_read(nuv_file_t *file, void *buf, size_t size) {
@@ -55,16 +68,10 @@ size_t nuv_file_read(nuv_file_t *file, void *buf, size_t size) {
   }
   size_t done = 0;
   while (done < size) {
-    size_t n = fread((char *)buf + done, 1, size - done, file->fp);
-    done += n;
-    if (n == 0) {
-      /* A signal can interrupt the underlying read; resume rather than report a short read. */
-      if (ferror(file->fp) && errno == EINTR) {
-        clearerr(file->fp);
-        continue;
-      }
-      break;
-    }
+    ssize_t n = read(file->fd, (char *)buf + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += (size_t)n;
   }
   return done;
 }
@@ -74,17 +81,18 @@ size_t nuv_file_write(nuv_file_t *file, const void *buf, size_t size) {
     errno = EINVAL;
     return 0;
   }
+  nuv_sys_write_fn sys_write = NUV_SYS_CALL(NUV_SYS_WRITE, nuv_sys_write_fn);
   size_t done = 0;
   while (done < size) {
-    size_t n = fwrite((const char *)buf + done, 1, size - done, file->fp);
-    done += n;
+    ssize_t n = sys_write(file->fd, (const char *)buf + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
     if (n == 0) {
-      if (ferror(file->fp) && errno == EINTR) {
-        clearerr(file->fp);
-        continue;
-      }
+      /* write(2) of a non-empty buffer returning 0 makes no progress; treat it as no space. */
+      errno = ENOSPC;
       break;
     }
+    done += (size_t)n;
   }
   return done;
 }
@@ -94,7 +102,7 @@ int nuv_file_fseek(nuv_file_t *file, int64_t offset, int whence) {
     errno = EINVAL;
     return -1;
   }
-  return fseeko(file->fp, (off_t)offset, whence) == 0 ? 0 : -1;
+  return lseek(file->fd, (off_t)offset, whence) < 0 ? -1 : 0;
 }
 
 int64_t nuv_file_ftell(nuv_file_t *file) {
@@ -102,7 +110,7 @@ int64_t nuv_file_ftell(nuv_file_t *file) {
     errno = EINVAL;
     return -1;
   }
-  return (int64_t)ftello(file->fp);
+  return (int64_t)lseek(file->fd, 0, SEEK_CUR);
 }
 
 int nuv_file_fflush(nuv_file_t *file) {
@@ -110,7 +118,13 @@ int nuv_file_fflush(nuv_file_t *file) {
     errno = EINVAL;
     return -1;
   }
-  return fflush(file->fp) == 0 ? 0 : -1;
+  return 0;
+}
+
+uint64_t nuv_file_handle_size(nuv_file_t *file) {
+  struct stat st;
+  if (!file || fstat(file->fd, &st) != 0) return NUV_FILE_SIZE_UNKNOWN;
+  return (uint64_t)st.st_size;
 }
 
 uint64_t nuv_file_size(const char *path) {
@@ -139,8 +153,7 @@ int64_t nuv_file_getlines(nuv_file_t *file) {
     errno = EINVAL;
     return -1;
   }
-  if (fflush(file->fp) != 0) return -1;
-  int fd = fileno(file->fp);
+  int fd = file->fd;
   int64_t lines = count_line_feeds(fd);
   if (lines >= 0 || errno != EBADF) return lines;
   /* A write-only handle cannot be read through: count through a second descriptor. */

@@ -1,13 +1,27 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "nuv_file.h"
+#include "nuv_syscall.h"
 #include "testutil/testutil.h"
 
 namespace {
+
+unsigned CurrentUmask() {
+  mode_t old = umask(0);
+  umask(old);
+  return old;
+}
+
+unsigned FileMode(const std::string& path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 ? st.st_mode : 0;
+}
 
 // How many descriptors of ours point at `path`, and whether all of them are close-on-exec.
 bool AllDescriptorsOfPathAreCloexec(const std::string& path, int* found) {
@@ -36,9 +50,9 @@ TEST(File, WriteSeekReadTruncateOnTwoHandles) {
 
   std::string rec("ab\0cd", 5);
   EXPECT_EQ(nuv_file_write(w, rec.data(), rec.size()), 5u);
-  EXPECT_EQ(nuv_file_size(path.c_str()), 0u);  // buffered until flushed
-  ASSERT_EQ(nuv_file_fflush(w), 0);
-  EXPECT_EQ(nuv_file_size(path.c_str()), 5u);
+  EXPECT_EQ(nuv_file_size(path.c_str()), 5u);  // written through, no flush needed
+  EXPECT_EQ(nuv_file_handle_size(r), 5u);
+  EXPECT_EQ(FileMode(path) & 0777, 0640u & ~CurrentUmask());
   EXPECT_EQ(nuv_file_ftell(w), 5);
   char buf[8] = {};
   ASSERT_EQ(nuv_file_fseek(r, 3, SEEK_SET), 0);
@@ -55,6 +69,38 @@ TEST(File, WriteSeekReadTruncateOnTwoHandles) {
   EXPECT_EQ(nuvtest::ReadFile(path), "abXY");
 }
 
+// A disk that fills in the middle of a write: the write reports what reached the file, and
+// that is all the file holds.
+ssize_t g_space_left = 0;
+ssize_t WriteIntoShrinkingDisk(int fd, const void* buf, size_t size) {
+  if (g_space_left <= 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  size_t n = std::min(size, static_cast<size_t>(g_space_left));
+  g_space_left -= static_cast<ssize_t>(n);
+  return reinterpret_cast<nuv_sys_write_fn>(nuv_sys_real(NUV_SYS_WRITE))(fd, buf, n);
+}
+
+TEST(File, ShortWriteReportsExactlyWhatReachedTheFile) {
+  nuvtest::TempDir dir;
+  std::string path = dir.Sub("full");
+  nuv_file_t* w = nuv_file_open(path.c_str(), "ab+");
+  ASSERT_NE(w, nullptr);
+  g_space_left = 3;
+  nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(WriteIntoShrinkingDisk));
+  errno = 0;
+  EXPECT_EQ(nuv_file_write(w, "abcdef", 6), 3u);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(nuv_file_write(w, "gh", 2), 0u);  // no retry turns a full disk into success
+  nuv_sys_override(NUV_SYS_WRITE, nullptr);
+  EXPECT_EQ(nuv_sys_get(NUV_SYS_WRITE), nuv_sys_real(NUV_SYS_WRITE));
+  EXPECT_EQ(nuv_file_write(w, "XY", 2), 2u);
+  EXPECT_EQ(nuv_file_close(w), 0);
+  EXPECT_EQ(nuvtest::ReadFile(path), "abcXY");
+  EXPECT_EQ(nuv_sys_override(NUV_SYS_COUNT, nullptr), nullptr);
+}
+
 TEST(File, MissingFilesAndBadArguments) {
   nuvtest::TempDir dir;
   std::string missing = dir.Sub("nope/missing.txt");
@@ -65,6 +111,8 @@ TEST(File, MissingFilesAndBadArguments) {
   EXPECT_EQ(nuv_file_truncate(missing.c_str(), 0), -1);
   EXPECT_EQ(nuv_file_remove(missing.c_str()), -1);
   EXPECT_EQ(nuv_file_getlines(nullptr), -1);
+  EXPECT_EQ(nuv_file_open(missing.c_str(), "x"), nullptr);
+  EXPECT_EQ(errno, EINVAL);
   std::string present = dir.Sub("x");
   ASSERT_TRUE(nuvtest::WriteFile(present, "x"));
   EXPECT_EQ(is_file_exist(present.c_str()), 1);

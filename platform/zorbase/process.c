@@ -9,6 +9,7 @@
 
 #include "internal.h"
 #include "nuv_process.h"
+#include "nuv_syscall.h"
 
 extern char **environ;
 
@@ -47,7 +48,8 @@ int nuv_process_create(const char *command, nuv_process_t **process) {
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK |
                                       POSIX_SPAWN_SETSIGDEF);
   char *argv[] = {"sh", "-c", (char *)command, NULL};
-  int rc = posix_spawn(&p->pid, "/bin/sh", &fa, &attr, argv, environ);
+  int rc = NUV_SYS_CALL(NUV_SYS_POSIX_SPAWN, nuv_sys_posix_spawn_fn)(&p->pid, "/bin/sh", &fa, &attr,
+                                                                 argv, environ);
   posix_spawn_file_actions_destroy(&fa);
   posix_spawnattr_destroy(&attr);
   if (rc != 0) {

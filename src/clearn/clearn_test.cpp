@@ -39,17 +39,17 @@ class ClearnTest : public ::testing::Test {
   void SetUp() override { ASSERT_TRUE(filetest::LoadStoreConfig(root_).IsSuccess()); }
   void TearDown() override { nuv_time_set_tick_scale(1); }
 
-  // A stream of 2024-03-`day` laid out under its type's directory; with `buffered`, written
-  // through the process's store and left in the buffers of its open unit.
+  // A stream of 2024-03-`day` laid out under its type's directory; with `open`, written
+  // through the process's store, whose unit stays open.
   CFileClassify Day(int day, const std::string& name, unsigned int type,
-                    const filetest::Lines& records, bool buffered = false) {
+                    const filetest::Lines& records, bool open = false) {
     clock_.Set(2024, 3, day);
     CFileClassify stream = filetest::Classify(name, 1, type);
-    if (!buffered) {
+    if (!open) {
       filetest::WriteRecords(stream, records);
     } else {
       EXPECT_TRUE(CSingleton<CFileManager>::GetInstance().WriteFile(stream, records[0]).IsSuccess());
-      EXPECT_EQ(nuv_file_size(stream.GetContentPath().c_str()), 0u);
+      EXPECT_EQ(nuv_file_size(stream.GetContentPath().c_str()), records[0].size());
     }
     clock_.Set(2024, 3, 10);
     return stream;
