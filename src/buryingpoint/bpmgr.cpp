@@ -88,6 +88,12 @@ CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& class
   JsonUtil json;
   const std::string text(data == nullptr ? "" : static_cast<const char*>(data),
                          data == nullptr ? 0 : length);
+  // The parser stops at a NUL and the store could not index such a record: refuse it whole.
+  const std::string::size_type nul = text.find('\0');
+  if (nul != std::string::npos) {
+    return CError::CreateError(kErrBpInvalid, "bp data holds a NUL byte at offset %u",
+                               static_cast<unsigned int>(nul));
+  }
   const int loaded = json.JsonLoadString(text);
   if (loaded != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "json load failed with error:%d", loaded);
@@ -160,7 +166,8 @@ CError CBpMgr::GetBpFocus(const std::string& focus, std::string& name, unsigned 
   char path[kFocusPathSize] = {0};
   nuv_strncpy(path, sizeof path, focus.c_str(), colon);
   const char* last = nuv_path_get_name_u(path);
-  if (last == nullptr) {
+  // The name becomes a directory of the store: "." or ".." would step out of the day.
+  if (last == nullptr || !CFileClassify::IsStoreName(last)) {
     return CError::CreateError(kErrBpInvalid, "BP %s:%s processname is invalid", "header/focus",
                                focus.c_str());
   }

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "file/file_test_support.h"
+#include "nuv_syscall.h"
 
 namespace {
 
@@ -80,6 +82,14 @@ TEST_F(BpMgrTest, InvalidPointsAreRefusedWithTheirReason) {
       {With("header/id", "7"), "102-bp header/id is invalid"},
       {With("body/time_start", "\"100\""), "102-bp body/time_start is invalid"},
       {Point(0, "/bin/a:1"), "302-init file classify failed."},
+      // Stored, these would have been cut at the NUL while indexed whole.
+      {With("header/id", "\"b3f1\"") + std::string("\0tail", 5),
+       "102-bp data holds a NUL byte at offset " + std::to_string(With("header/id", "\"b3f1\"").size())},
+      // Names that would step out of the day directory of the store.
+      {Point(256, "/usr/bin/..:1"), "102-BP header/focus:/usr/bin/..:1 processname is invalid"},
+      {Point(256, ".:1"), "102-BP header/focus:.:1 processname is invalid"},
+      {Point(256, "/bin/" + std::string(201, 'n') + ":1"),
+       "102-BP header/focus:/bin/" + std::string(201, 'n') + ":1 processname is invalid"},
   };
   for (const char* path : {"header/type", "header/version", "header/focus", "header/id",
                            "header/name", "header/module", "header/function", "header/time",
@@ -125,15 +135,21 @@ TEST_F(BpMgrTest, ValidPointsAreStoredAsPosted) {
   }
 }
 
+ssize_t DiskFull(int, const void*, size_t) {
+  errno = ENOSPC;
+  return -1;
+}
+
 TEST_F(BpMgrTest, UnusableCallsAndStoreFailures) {
-  // A process name longer than a directory name can be: the store's code goes back.
-  auto [result, messages] = PostCaptured(kTopic, Point(256, "/bin/" + std::string(300, 'n') + ":1"));
-  EXPECT_NE(result, 0);
-  EXPECT_NE(result, kBpInvalid);
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0].rfind("[ERROR] [bpmgr] write bp data failed with error:" +
-                                  std::to_string(result) + "-", 0), 0u)
-      << messages[0];
+  // A full disk: the store's own code goes back to the poster, and nothing is kept.
+  CFileClassify stream = filetest::Classify("full", 0, 256);
+  nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(DiskFull));
+  auto [result, messages] = PostCaptured(kTopic, Point(256, "/bin/full:1"));
+  nuv_sys_override(NUV_SYS_WRITE, nullptr);
+  EXPECT_EQ(result, 205);
+  EXPECT_EQ(messages, Lines{"[ERROR] [bpmgr] write bp data failed with error:205-write file "
+                            "failed, path = " + stream.GetContentPath()});
+  EXPECT_EQ(filetest::Stored(stream), Lines{});
 
   ASSERT_EQ(nuv_comm_register("bpmgr:nouser", &CBpMgr::BpRegisterCallBack, nullptr), 0);
   EXPECT_EQ(PostCaptured("bpmgr:nouser", Point(256, "/bin/a:1")),

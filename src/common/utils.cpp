@@ -265,8 +265,8 @@ bool GetConfigFilePath(std::string& out) {
   return nuv_path_is_exist_a(out.c_str()) != 0;
 }
 
-bool CreateDirectory(const std::string& path) {
-  return nuv_dirutils_mkdir(path.c_str(), 0755) == 0;
+bool CreateDirectory(const std::string& path, int mode) {
+  return nuv_dirutils_mkdir(path.c_str(), mode) == 0;
 }
 
 std::string GetDirectory(const std::string& path) {

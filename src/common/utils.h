@@ -77,8 +77,8 @@ std::string CreateUUID();
 // <directory of the running executable>/../config/maintenance.json into `out`; true when it
 // exists. False, with `out` untouched, when the executable's path cannot be had.
 bool GetConfigFilePath(std::string& out);
-// Creates `path` and its missing parents (mode 0755); true when the directory exists afterwards.
-bool CreateDirectory(const std::string& path);
+// Creates `path` and its missing parents with `mode`; true when the directory exists afterwards.
+bool CreateDirectory(const std::string& path, int mode = 0755);
 // The text before the last "/", or the whole path when there is none.
 std::string GetDirectory(const std::string& path);
 // The text before the last "." (the directory part is kept), or the whole text.

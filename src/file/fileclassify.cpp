@@ -15,6 +15,8 @@ constexpr uint32_t kHashSeed = 0xadc16596;
 constexpr size_t kPathBufferSize = 1024;
 constexpr size_t kKeyBufferSize = 4096;
 constexpr const char* kIndexPrefix = "index-";
+// Leaves room in one 255-byte file name for "index-", two dashes and two 10-digit numbers.
+constexpr size_t kMaxNameLength = 200;
 
 // The last component of `dir`: the text after its last "/", or all of it when there is none.
 std::string LastComponent(const std::string& dir) {
@@ -26,6 +28,73 @@ std::string FormatKey(const std::string& name, unsigned int pid, unsigned int ty
   char buffer[kKeyBufferSize] = {0};
   std::snprintf(buffer, sizeof(buffer), "%s:%u:%u", name.c_str(), pid, type);
   return buffer;
+}
+
+// The parts of a store file's path, read from the right: D/DAY/NAME/[index-]NAME-PID-TYPE.
+struct StoreFileName {
+  std::string dir;  // D/DAY/NAME
+  std::string day;
+  std::string name;
+  std::string pid;
+  std::string type;
+  bool isIndex = false;
+};
+
+// "PID-TYPE" into its two numbers.
+bool SplitPidType(const std::string& tail, StoreFileName& out) {
+  const std::vector<std::string> pieces = SplitString(tail, '-');
+  if (pieces.size() != 2 || !IsNumberA(pieces[0]) || !IsNumberA(pieces[1])) {
+    return false;
+  }
+  out.pid = pieces[0];
+  out.type = pieces[1];
+  return true;
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// A file of the stream named by its directory comes first, so names holding "-" parse; a file
+// that does not carry its directory's name is read by dashes, as three or four pieces.
+bool SplitStoreFile(const std::string& file, StoreFileName& out) {
+  const size_t slash = file.rfind('/');
+  if (file.empty() || slash == std::string::npos) {
+    return false;
+  }
+  out.dir = file.substr(0, slash);
+  const std::string fileName = file.substr(slash + 1);
+  const size_t nameSlash = out.dir.rfind('/');
+  if (nameSlash == std::string::npos) {
+    return false;
+  }
+  const std::string nameDir = out.dir.substr(nameSlash + 1);
+  out.day = LastComponent(out.dir.substr(0, nameSlash));
+  const std::string asContent = nameDir + "-";
+  const std::string asIndex = kIndexPrefix + asContent;
+  if (!nameDir.empty() && StartsWith(fileName, asContent) &&
+      SplitPidType(fileName.substr(asContent.size()), out)) {
+    out.name = nameDir;
+    out.isIndex = false;
+    return true;
+  }
+  if (!nameDir.empty() && StartsWith(fileName, asIndex) &&
+      SplitPidType(fileName.substr(asIndex.size()), out)) {
+    out.name = nameDir;
+    out.isIndex = true;
+    return true;
+  }
+  const std::vector<std::string> pieces = SplitString(fileName, '-');
+  const size_t n = pieces.size();
+  if ((n != 3 && n != 4) || (n == 4 && pieces[0] != "index") || !IsNumberA(pieces[n - 1]) ||
+      !IsNumberA(pieces[n - 2])) {
+    return false;
+  }
+  out.isIndex = n == 4;
+  out.name = pieces[n - 3];
+  out.pid = pieces[n - 2];
+  out.type = pieces[n - 1];
+  return true;
 }
 
 int DecimalAt(const std::string& text, size_t pos, size_t len) {
@@ -49,7 +118,7 @@ bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, 
   name_ = name;
   pid_ = pid;
   type_ = type;
-  if (!CheckValid()) {
+  if (!CheckValid() || !IsStoreName(name_)) {
     Reset();
     return false;
   }
@@ -103,58 +172,31 @@ void CFileClassify::Reset() {
 
 void CFileClassify::MakeKey() { key_ = FormatKey(name_, pid_, type_); }
 
+bool CFileClassify::IsStoreName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.size() <= kMaxNameLength &&
+         name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+}
+
 bool CFileClassify::CheckFilePathValid(const std::string& file) {
-  const size_t slash = file.rfind('/');
-  if (file.empty() || slash == std::string::npos) {
-    return false;
-  }
-  const std::string dir = file.substr(0, slash);
-  const std::vector<std::string> pieces = SplitString(file.substr(slash + 1), '-');
-  const size_t n = pieces.size();
-  if (n != 3 && n != 4) {
-    return false;
-  }
-  if (n == 4 && pieces[0] != "index") {
-    return false;
-  }
-  if (!IsNumberA(pieces[n - 1]) || !IsNumberA(pieces[n - 2])) {
-    return false;
-  }
-  const size_t nameSlash = dir.rfind('/');
-  if (nameSlash == std::string::npos) {
-    return false;
-  }
-  return CheckDataTime(LastComponent(dir.substr(0, nameSlash)));
+  StoreFileName parts;
+  return SplitStoreFile(file, parts) && CheckDataTime(parts.day);
 }
 
 bool CFileClassify::ParseFilePath(const std::string& file, CFileClassify& out) {
   out.Reset();
-  if (file.empty() || !CheckFilePathValid(file)) {
+  StoreFileName parts;
+  // The date check reads digits up to the first other character; the day must be all digits.
+  if (!SplitStoreFile(file, parts) || !CheckDataTime(parts.day) || !IsNumberA(parts.day)) {
     return false;
   }
-  const size_t slash = file.rfind('/');
-  out.path_ = file.substr(0, slash);
-  const std::string fileName = file.substr(slash + 1);
-  const std::vector<std::string> pieces = SplitString(fileName, '-');
-  const size_t n = pieces.size();
-  if (n == 4) {
-    out.indexPath_ = file;
-    out.contentPath_ = out.path_ + "/" + fileName.substr(6);
-  } else {
-    out.contentPath_ = file;
-    out.indexPath_ = out.path_ + "/" + kIndexPrefix + fileName;
-  }
-  out.type_ = static_cast<unsigned int>(ConvertStringToNumber(pieces[n - 1].c_str()));
-  out.pid_ = static_cast<unsigned int>(ConvertStringToNumber(pieces[n - 2].c_str()));
-  out.name_ = pieces[n - 3];
-
-  const size_t daySlash = out.path_.rfind('/');
-  out.time_ =
-      LastComponent(daySlash == std::string::npos ? out.path_ : out.path_.substr(0, daySlash));
-  if (!IsNumberA(out.time_)) {
-    out.Reset();
-    return false;
-  }
+  out.path_ = parts.dir;
+  const std::string contentName = parts.name + "-" + parts.pid + "-" + parts.type;
+  out.contentPath_ = parts.isIndex ? parts.dir + "/" + contentName : file;
+  out.indexPath_ = parts.isIndex ? file : parts.dir + "/" + kIndexPrefix + contentName;
+  out.type_ = static_cast<unsigned int>(ConvertStringToNumber(parts.type.c_str()));
+  out.pid_ = static_cast<unsigned int>(ConvertStringToNumber(parts.pid.c_str()));
+  out.name_ = parts.name;
+  out.time_ = parts.day;
   out.MakeKey();
   return true;
 }

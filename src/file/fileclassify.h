@@ -21,7 +21,8 @@ class CFileClassify {
  public:
   CFileClassify();
 
-  // Classifies a stream opened today. False, with the object reset, for an empty name or type 0.
+  // Classifies a stream opened today. False, with the object reset, for an empty name, type 0,
+  // or a name that is not a safe store name.
   bool InitFileClassify(const std::string& name, unsigned int pid, unsigned int type);
   // Fills the directory, index and content paths from time, name, pid and type.
   void ConstructPath(std::string base);
@@ -44,9 +45,12 @@ class CFileClassify {
   void Reset();
 
   // Classification of an index or content file found on disk. False, with `out` reset, for a
-  // path that is not a store file. Names holding "-" cannot be parsed back.
+  // path that is not a store file. A name holding "-" is read from its name directory.
   static bool ParseFilePath(const std::string& file, CFileClassify& out);
   static bool CheckFilePathValid(const std::string& file);
+  // A name that stays one directory below its day: not empty, ".", or "..", no "/", no NUL,
+  // and short enough that no path built from it is cut.
+  static bool IsStoreName(const std::string& name);
   // Eight characters forming a valid year-month-day date (the year is not range-checked).
   static bool CheckDataTime(const std::string& day);
   // Seconds from day `from` to day `to`; false, with `seconds` untouched, unless both texts

@@ -68,17 +68,18 @@ TEST_F(FileClassifyTest, ConstructionAndParsingAreInverse) {
       {2100, 2, 28, "21000228", "agent", 1, filetest::kSmallType},
       {2100, 3, 1, "21000301", "agent", 1, filetest::kSmallType},
       {2023, 12, 31, "20231231", "n", 4194304, 4096},  // the largest Linux pid
-      {2024, 3, 1, "20240301", "my-proc", 5, 256},       // a name with "-" cannot parse back
+      {2024, 3, 1, "20240301", "my-proc", 5, 256},       // "-" names parse by their directory
+      {2024, 3, 2, "20240302", "index", 5, 256},
+      {2024, 3, 3, "20240303", "index-x-1", 5, 256},
   };
   for (const auto& c : cases) {
     ClockAt clock(c.year, c.month, c.day);
     CFileClassify made = filetest::Classify(c.name, c.pid, c.type);
     ASSERT_EQ(made.GetTime(), c.dayText);
-    const bool parses = c.name.find('-') == std::string::npos;
     for (const std::string& file : {made.GetIndexPath(), made.GetContentPath()}) {
       CFileClassify parsed = filetest::Classify("stale", 1, 256);
-      EXPECT_EQ(CFileClassify::ParseFilePath(file, parsed), parses) << file;
-      EXPECT_EQ(Fields(parsed), Fields(parses ? made : CFileClassify()));  // a failure resets
+      EXPECT_TRUE(CFileClassify::ParseFilePath(file, parsed)) << file;
+      EXPECT_EQ(Fields(parsed), Fields(made));
     }
     // The key holds no day: a stream keeps its hash across days, and only across days.
     const bool sameStream = previous.GetName() == c.name && previous.GetType() == c.type;
@@ -94,7 +95,10 @@ TEST(FileClassifyPathTest, PathsAndDaysAreChecked) {
       {"/a//2024022/x/x-1-2", false},    {"/a//20240229/x/idx-x-1-2", false},
       {"/a//20240229/x/x-y-1-2", false}, {"/a//20240229/x/x-1-b", false},
       {"/a//20240229/x/x-a-2", false},   {"/a//20240229/x/x-1", false},
-      {"20240229/x-1-2", false},         {"", false}};
+      {"20240229/x-1-2", false},         {"", false},
+      {"/a//20240229/php-fpm/php-fpm-0-512", true},
+      {"/a//20240229/php-fpm/index-php-fpm-0-512", true},
+      {"/a//20240229/php-fpm/php-fpm-0", false}};
   for (const auto& [file, valid] : paths) {
     EXPECT_EQ(CFileClassify::CheckFilePathValid(file), valid) << file;
   }
@@ -117,6 +121,18 @@ TEST(FileClassifyPathTest, PathsAndDaysAreChecked) {
   for (const auto& [file, day] : archives) {
     EXPECT_EQ(CFileClassify::GetCompressFileTime(file, ".tgz"), day) << file;
   }
+}
+
+TEST(FileClassifyPathTest, NamesThatWouldLeaveTheirDayDirectoryAreRefused) {
+  for (const std::string& name : {std::string(), std::string("."), std::string(".."),
+                                  std::string("../../etc/x"), std::string("a/b"),
+                                  std::string("a\0b", 3), std::string(201, 'n')}) {
+    CFileClassify classify;
+    EXPECT_FALSE(classify.InitFileClassify(name, 1, 512)) << name;
+    EXPECT_EQ(classify.GetHashKey(), 0u);
+  }
+  CFileClassify longest;
+  EXPECT_TRUE(longest.InitFileClassify(std::string(200, 'n'), 4294967295u, 4294967295u));
 }
 
 TEST(FileClassifyPathTest, DifferTime) {

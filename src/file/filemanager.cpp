@@ -10,6 +10,12 @@ CError InvalidClassify() {
   return CError::CreateError(kFileErrParam, "parameters invalid, %s", "file classify invalid.");
 }
 
+// A usable classification whose files cannot be opened reports why; anything else is the
+// classification's fault.
+CError NoUnit(const CError& openError) {
+  return openError.IsSuccess() ? InvalidClassify() : openError;
+}
+
 }  // namespace
 
 CFileManager::CFileManager() {
@@ -26,8 +32,9 @@ CFileManager::~CFileManager() {
 
 CError CFileManager::WriteFile(CFileClassify& classify, const std::string& record) {
   CRwLockGuard guard(lock_, true, "CFileManager");
-  CFileUnit* unit = FindAndInsertNolock(classify);
-  return unit == nullptr ? InvalidClassify() : unit->WriteFile(record);
+  CError openError;
+  CFileUnit* unit = FindAndInsertNolock(classify, &openError);
+  return unit == nullptr ? NoUnit(openError) : unit->WriteFile(record);
 }
 
 CError CFileManager::ReadFile(CFileClassify& classify, int n, std::string& out) {
@@ -54,19 +61,35 @@ CFileUnit* CFileManager::FindAndInsert(CFileClassify& classify) {
   return FindAndInsertNolock(classify);
 }
 
-CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify) {
+CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* openError) {
   const uint64_t key = classify.GetHashKey();
   auto found = units_.find(key);
   if (found != units_.end()) {
     return found->second.get();
   }
   std::unique_ptr<CFileUnit> unit(new CFileUnit());
-  if (!unit->InitFileUint(classify).IsSuccess()) {
+  CError opened = unit->InitFileUint(classify);
+  if (!opened.IsSuccess()) {
+    if (openError != nullptr && key != 0) {
+      *openError = opened;
+    }
     return nullptr;
   }
   CFileUnit* raw = unit.get();
   units_[key] = std::move(unit);
   return raw;
+}
+
+CError CFileManager::RepairStream(CFileClassify& classify) {
+  CRwLockGuard guard(lock_, true, "CFileManager");
+  auto found = units_.find(classify.GetHashKey());
+  if (found != units_.end() && found->second->GetIndexPath() == classify.GetIndexPath()) {
+    return CError();
+  }
+  CFileUnit unit;
+  CError result = unit.InitFileUint(classify);
+  unit.Close();
+  return result;
 }
 
 void CFileManager::CloseUnit(CFileClassify& classify) {

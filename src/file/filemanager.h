@@ -33,9 +33,14 @@ class CFileManager {
   CError ReadALLFile(CFileClassify& classify, std::vector<std::string>& out);
 
   // The stream's unit, opened and inserted if it is not open yet; null when it cannot be
-  // opened. The Nolock form is for callers that hold the lock.
+  // opened, with the reason in `openError` when given. The Nolock form is for callers that hold
+  // the lock.
   CFileUnit* FindAndInsert(CFileClassify& classify);
-  CFileUnit* FindAndInsertNolock(CFileClassify& classify);
+  CFileUnit* FindAndInsertNolock(CFileClassify& classify, CError* openError = nullptr);
+
+  // Repairs the pair `classify` names (a torn tail left by a crash is cut, with the unit's WARN
+  // line) unless it is open already, which means it was repaired when it was opened.
+  CError RepairStream(CFileClassify& classify);
 
   // Close the stream's unit and forget it; the files stay on disk.
   void CloseFile(CFileClassify& classify);

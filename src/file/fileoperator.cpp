@@ -25,17 +25,18 @@ CError CFileOperator::InitOperator(const std::string& path) {
   }
   path_ = path;
   const std::string dir = GetDirectory(path);
-  if (!CreateDirectory(dir)) {
+  if (!CreateDirectory(dir, kStoreDirectoryMode)) {
     ZLOG_ERROR("[CFileoperator]::InitOperator create dir failed. dir = %s", dir.c_str());
   }
   write_ = nuv_file_open(path.c_str(), "ab+");
-  if (write_ == nullptr) {
-    result = CError::CreateError(kFileErrOpen, "open file failed, path = %s", path.c_str());
-  } else {
+  if (write_ != nullptr) {
     read_ = nuv_file_open(path.c_str(), "rb+");
-    if (read_ == nullptr) {
-      result = CError::CreateError(kFileErrOpen, "open file failed, path = %s", path.c_str());
-    }
+  }
+  if (write_ == nullptr || read_ == nullptr) {
+    // An operator must be able to tell a full descriptor table from a bad path.
+    const bool noDescriptors = errno == EMFILE || errno == ENFILE;
+    const std::string shown = noDescriptors ? path + " (too many open files)" : path;
+    result = CError::CreateError(kFileErrOpen, "open file failed, path = %s", shown.c_str());
   }
   if (!result.IsSuccess()) {
     Reset();
@@ -98,7 +99,6 @@ CError CFileOperator::WriteFile(const std::string& data, int& offset) {
 }
 
 CError CFileOperator::Truncate(uint64_t size) {
-  Flush();
   // Cutting by path works beside both open handles: appends land at the new end and every
   // read seeks first.
   if (nuv_file_truncate(path_.c_str(), size) != 0) {

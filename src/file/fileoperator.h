@@ -1,6 +1,6 @@
 // The store's only access to disk: one file opened twice, an append handle for writing and a
-// read-write handle for positioned reads. Sizes come from the path, so data still buffered in
-// the append handle is invisible to reads until it is flushed.
+// read-write handle for positioned reads. Writes go straight to the kernel, so readers see a
+// record as soon as its write returned.
 #ifndef NUV_FILE_FILEOPERATOR_H
 #define NUV_FILE_FILEOPERATOR_H
 
@@ -25,6 +25,9 @@ enum FileErrorCode {
   kFileErrReset = 213,
 };
 
+// The store is private to its owner and group.
+constexpr int kStoreDirectoryMode = 0750;
+
 // Success, or the end-of-file signal that travels with valid data.
 inline bool IsReadOk(const CError& error) {
   return error.code == 0 || error.code == kFileErrReadEnd;
@@ -37,14 +40,16 @@ class CFileOperator {
   CFileOperator(const CFileOperator&) = delete;
   CFileOperator& operator=(const CFileOperator&) = delete;
 
-  // Creates the file's directory and opens both handles (the file is created if missing).
+  // Creates the file's directory (0750) and opens both handles (the file is created 0640 if
+  // missing). Running out of descriptors is named in the 203 message.
   CError InitOperator(const std::string& path);
   // Up to `length` bytes at `offset`. 209 when the read consumed the last byte of the file
   // (with data); 208 at or beyond the end. `next` is the position after what was read.
   CError ReadFile(int offset, int length, std::string& out, int& next);
-  // Appends `data` (unflushed); `offset` receives the append handle's position before it.
+  // Appends `data`; `offset` receives the append handle's position before it. On 205 part of
+  // `data` may have reached the file: the owner cuts it back.
   CError WriteFile(const std::string& data, int& offset);
-  // Cuts the file on disk to `size` bytes after pushing out buffered writes.
+  // Cuts the file on disk to `size` bytes.
   CError Truncate(uint64_t size);
 
   int GetFileLines();

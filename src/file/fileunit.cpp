@@ -37,6 +37,9 @@ CError CFileUnit::InitFileUint(CFileClassify& classify) {
   contentPath_ = classify.GetContentPath();
   time_ = classify.GetTime();
   type_ = classify.GetType();
+  name_ = classify.GetName();
+  pid_ = classify.GetPid();
+  cutPending_ = false;
   result = Repair();
   if (!result.IsSuccess()) {
     return result;
@@ -98,34 +101,73 @@ CError CFileUnit::Repair() {
 
 void CFileUnit::TakeOpenedSizes() {
   indexOffset_ = static_cast<uint32_t>(index_.GetOffset());
+  indexEnd_ = indexOffset_;
   contentOffset_ = static_cast<uint32_t>(content_.GetOffset());
   flushedIndexOffset_ = 0;
   flushedContentOffset_ = 0;
 }
 
 CError CFileUnit::WriteFile(const std::string& record) {
+  if (cutPending_ && !CutBackToLastRecord()) {
+    return CError::CreateError(kFileErrWrite, "write file failed, path = %s",
+                               contentPath_.c_str());
+  }
   if (!Reset()) {
     return CError::CreateError(kFileErrReset, "reset file failed. index = %s, content = %s",
                                indexPath_.c_str(), contentPath_.c_str());
+  }
+  // The content file would keep the record only up to a NUL while the index counts all of
+  // it, and every later record would then be read from the wrong place.
+  if (record.find('\0') != std::string::npos) {
+    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "record holds a NUL byte");
   }
   int offset = 0;
   CError result = content_.WriteContent(record, offset);
   if (!result.IsSuccess()) {
     ZLOG_ERROR("[nuv_maintain][fileunit] write content failed.");
+    CutBackToLastRecord();
     return result;
   }
   // Entries take their offsets from the running content offset, not from the file handle.
   IndexData entry(contentOffset_, static_cast<unsigned int>(record.size()));
-  contentOffset_ += static_cast<uint32_t>(record.size());
   result = index_.WriteIndex(entry);
   if (!result.IsSuccess()) {
-    result = CError::CreateError(kFileErrIndexWrite, "write index success content fail = %s",
-                                 indexPath_.c_str());
+    ZLOG_ERROR("[nuv_maintain][fileunit] write index failed. index = %s", indexPath_.c_str());
+    CutBackToLastRecord();
+    return CError::CreateError(kFileErrIndexWrite, "write index success content fail = %s",
+                               indexPath_.c_str());
   }
+  contentOffset_ += static_cast<uint32_t>(record.size());
+  indexEnd_ += static_cast<uint32_t>(kIndexLineSize);
   if (contentOffset_ - flushedContentOffset_ > kFlushThreshold) {
     Flush();
   }
   return result;
+}
+
+bool CFileUnit::CutBackToLastRecord() {
+  // A file that is not open took no bytes of the failed write.
+  auto cut = [](CFileOperator& file, uint32_t size) {
+    return file.GetPath().empty() || file.Truncate(size).IsSuccess();
+  };
+  cutPending_ = !cut(index_.GetOperator(), indexEnd_) || !cut(content_.GetOperator(), contentOffset_);
+  return !cutPending_;
+}
+
+void CFileUnit::Reopen(const CFileClassify& classify) {
+  index_.CloseFile();
+  content_.CloseFile();
+  index_.InitFilePath(classify.GetIndexPath());
+  content_.InitFilePath(classify.GetContentPath());
+  indexPath_ = classify.GetIndexPath();
+  contentPath_ = classify.GetContentPath();
+  time_ = classify.GetTime();
+  type_ = classify.GetType();
+  indexOffset_ = static_cast<uint32_t>(nuv_file_size(indexPath_.c_str()));
+  indexEnd_ = indexOffset_;
+  contentOffset_ = static_cast<uint32_t>(nuv_file_size(contentPath_.c_str()));
+  flushedIndexOffset_ = 0;
+  flushedContentOffset_ = 0;
 }
 
 bool CFileUnit::Reset() {
@@ -135,24 +177,13 @@ bool CFileUnit::Reset() {
   const std::string today = Today();
   if (today != time_ || contentOffset_ - flushedContentOffset_ > kReopenThreshold) {
     // A new day moves the stream to that day's directory; within the day the same pair is
-    // closed and reopened, which bounds what sits unflushed in the handles.
+    // closed and reopened. The unit keeps its own name: a name holding "-" would not parse
+    // back from the path.
     CFileClassify classify;
-    if (!CFileClassify::ParseFilePath(indexPath_, classify) ||
-        !classify.InitFileClassify(classify.GetName(), classify.GetPid(), classify.GetType())) {
+    if (!classify.InitFileClassify(name_, pid_, type_)) {
       return false;
     }
-    index_.CloseFile();
-    content_.CloseFile();
-    index_.InitFilePath(classify.GetIndexPath());
-    content_.InitFilePath(classify.GetContentPath());
-    indexPath_ = classify.GetIndexPath();
-    contentPath_ = classify.GetContentPath();
-    time_ = classify.GetTime();
-    type_ = classify.GetType();
-    indexOffset_ = static_cast<uint32_t>(nuv_file_size(indexPath_.c_str()));
-    contentOffset_ = static_cast<uint32_t>(nuv_file_size(contentPath_.c_str()));
-    flushedIndexOffset_ = 0;
-    flushedContentOffset_ = 0;
+    Reopen(classify);
     return true;
   }
 

@@ -3,6 +3,10 @@
 // Before every write it decides whether the pair moves to a new day's directory, is reopened
 // to bound its buffered data, or starts again empty because it outgrew its size limit.
 //
+// Every write reaches the kernel before it returns. A write that fails part-way is cut back to
+// the last whole record, so the pair stays readable and the next write lands where the index
+// says; if even the cut fails, the next write retries it before anything else.
+//
 // Opening repairs a pair left inconsistent by a crash: a partial last index line, trailing
 // index lines that do not parse or point past the end of the content, and content bytes
 // beyond the last indexed record are cut, so every record that was fully written and indexed
@@ -50,6 +54,10 @@ class CFileUnit {
  private:
   // Brings a freshly opened pair back to its last complete record.
   CError Repair();
+  // Cuts both files back to the ends of the last whole record; false when a cut failed.
+  bool CutBackToLastRecord();
+  // Closes the pair and opens it at the paths of `classify`, taking their sizes.
+  void Reopen(const CFileClassify& classify);
   // Takes the offsets of a pair just opened.
   void TakeOpenedSizes();
 
@@ -59,6 +67,12 @@ class CFileUnit {
   uint32_t contentOffset_ = 0;
   uint32_t flushedIndexOffset_ = 0;
   uint32_t flushedContentOffset_ = 0;
+  // Running end of the index file, the twin of the content offset.
+  uint32_t indexEnd_ = 0;
+  // A failed write could not be cut back yet.
+  bool cutPending_ = false;
+  std::string name_;
+  uint32_t pid_ = 0;
   std::string indexPath_;
   std::string contentPath_;
   std::string time_;

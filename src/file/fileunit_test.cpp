@@ -2,10 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "file/file_test_support.h"
+#include "nuv_syscall.h"
 
 namespace {
 
@@ -74,10 +79,75 @@ TEST_F(FileUnitTest, FirstWriteAfterMidnightMovesTheStream) {
   EXPECT_EQ(unit.ReadALLFile(all).code, 209);
   EXPECT_EQ(all, Records{"after"});
 
-  // A stream whose name does not parse back cannot move, and keeps what it had.
-  EXPECT_EQ(stuck.WriteFile("two").code, 213);
-  stuck.Flush();
+  // A name holding "-" moves as well: the unit does not read its name back from the path.
+  ASSERT_TRUE(stuck.WriteFile("two").IsSuccess());
   EXPECT_EQ(nuvtest::ReadFile(hyphen.GetContentPath()), "one");
+  const CFileClassify hyphenToday = filetest::Classify("my-proc", 7, 256);
+  EXPECT_EQ(nuvtest::ReadFile(hyphenToday.GetContentPath()), "two");
+  EXPECT_EQ(nuvtest::ReadFile(hyphenToday.GetIndexPath()), IndexLines({"two"}));
+}
+
+// Writes to the file whose path ends with `g_failing_suffix` take `g_room` more bytes, then
+// fail with ENOSPC; writes to other files go through.
+std::string g_failing_suffix;
+ssize_t g_room = 0;
+ssize_t WriteUntilFull(int fd, const void* buf, size_t size) {
+  char link[64], target[4096];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  const ssize_t n = readlink(link, target, sizeof target);
+  const std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
+  auto real = reinterpret_cast<nuv_sys_write_fn>(nuv_sys_real(NUV_SYS_WRITE));
+  if (path.size() < g_failing_suffix.size() ||
+      path.compare(path.size() - g_failing_suffix.size(), g_failing_suffix.size(),
+                   g_failing_suffix) != 0) {
+    return real(fd, buf, size);
+  }
+  if (g_room <= 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  const size_t take = std::min(size, static_cast<size_t>(g_room));
+  g_room -= static_cast<ssize_t>(take);
+  return real(fd, buf, take);
+}
+
+TEST_F(FileUnitTest, AFailedWriteIsReportedAndCutBackSoTheStreamGoesOnWhenSpaceReturns) {
+  CFileClassify classify = filetest::Classify("proc", 7, 256);
+  const struct {
+    std::string failing;  // the file that fills up
+    int code;
+    std::string message;
+  } cases[] = {
+      {"/proc-7-256", 205, "[ERROR] [nuv_maintain][fileunit] write content failed."},
+      {"/index-proc-7-256", 212,
+       "[ERROR] [nuv_maintain][fileunit] write index failed. index = " +
+           classify.GetIndexPath()},
+  };
+  Records expected = {"first"};
+  CFileUnit unit;
+  Open(unit, classify, expected);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.failing);
+    g_failing_suffix = c.failing;
+    g_room = 3;  // part of the record reaches the file before the disk is full
+    nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(WriteUntilFull));
+    CError result;
+    const auto log = filetest::CaptureLog([&] { result = unit.WriteFile("second record"); });
+    EXPECT_EQ(result.code, c.code);
+    EXPECT_EQ(filetest::Messages(log, "file/fileunit.cpp"), filetest::Lines{c.message});
+    // Nothing of the refused record is left, in either file.
+    EXPECT_EQ(nuvtest::ReadFile(classify.GetIndexPath()), IndexLines(expected));
+    EXPECT_EQ(nuvtest::ReadFile(classify.GetContentPath()), Joined(expected));
+    nuv_sys_override(NUV_SYS_WRITE, nullptr);
+
+    ASSERT_TRUE(unit.WriteFile("after " + c.failing).IsSuccess());
+    expected.push_back("after " + c.failing);
+    Records all;
+    EXPECT_EQ(unit.ReadALLFile(all).code, 209);
+    EXPECT_EQ(all, expected);
+  }
+  EXPECT_EQ(unit.WriteFile(std::string("a\0b", 3)).code, 102);  // could not be read back
+  EXPECT_EQ(nuvtest::ReadFile(classify.GetContentPath()), Joined(expected));
 }
 
 TEST_F(FileUnitTest, FlushesOnceMoreThanHalfAMebibyteIsPendingAndReopensLargePairsAtTheEnd) {
