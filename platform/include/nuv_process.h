@@ -20,6 +20,11 @@ NUV_API int nuv_process_create(const char *command, nuv_process_t **process);
  * every case. A cancellation point (nuv_thread.h): a cancelled wait kills and reaps first. */
 NUV_API int nuv_process_wait(nuv_process_t *process, long long timeout_ms, int flags);
 
+/* As nuv_process_wait. When the child ended in time and `status` is not NULL, *status is its
+ * exit code (0-255), 128 + the number of the signal that ended it, or -1 when its status is
+ * lost (a host that ignores SIGCHLD has the kernel reap the child). */
+NUV_API int nuv_process_wait_status(nuv_process_t *process, long long timeout_ms, int *status);
+
 NUV_END_DECLS
 
 #endif

@@ -61,14 +61,22 @@ int nuv_process_create(const char *command, nuv_process_t **process) {
   return 1;
 }
 
-/* Reaps the child if it has ended: 1 ended, 0 still running, -1 error. ECHILD means the
- * child is gone already: a host that ignores SIGCHLD has the kernel reap it. */
-static int try_reap(pid_t pid) {
+/* Reaps the child if it has ended: 1 ended (with *status as nuv_process_wait_status gives
+ * it), 0 still running, -1 error. ECHILD means the child is gone already: a host that ignores
+ * SIGCHLD has the kernel reap it, and its status is lost. */
+static int try_reap(pid_t pid, int *status) {
   for (;;) {
-    pid_t r = waitpid(pid, NULL, WNOHANG);
-    if (r == pid) return 1;
+    int raw = 0;
+    pid_t r = waitpid(pid, &raw, WNOHANG);
+    if (r == pid) {
+      *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : WIFSIGNALED(raw) ? 128 + WTERMSIG(raw) : -1;
+      return 1;
+    }
     if (r == 0) return 0;
-    if (errno == ECHILD) return 1;
+    if (errno == ECHILD) {
+      *status = -1;
+      return 1;
+    }
     if (errno != EINTR) return -1;
   }
 }
@@ -82,6 +90,12 @@ static void kill_and_reap(pid_t pid) {
 
 int nuv_process_wait(nuv_process_t *process, long long timeout_ms, int flags) {
   (void)flags;
+  return nuv_process_wait_status(process, timeout_ms, NULL);
+}
+
+int nuv_process_wait_status(nuv_process_t *process, long long timeout_ms, int *status) {
+  int ignored = 0;
+  if (!status) status = &ignored;
   if (!process) {
     errno = EINVAL;
     return 0;
@@ -93,7 +107,7 @@ int nuv_process_wait(nuv_process_t *process, long long timeout_ms, int flags) {
    * SIGCHLD, which belongs to the host. */
   uint64_t step = 1;
   for (;;) {
-    int r = try_reap(pid);
+    int r = try_reap(pid, status);
     if (r == 1) return 1;
     if (r < 0) return 0;
     uint64_t waited = nuv__monotonic_ms() - start;

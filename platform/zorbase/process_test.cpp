@@ -23,7 +23,9 @@ TEST(Process, RunsThroughTheShellWithNothingOfOursInherited) {
   ASSERT_NE(mine, nullptr);
   nuv_process_t* p = nullptr;
   ASSERT_EQ(nuv_process_create(cmd.c_str(), &p), 1);
-  EXPECT_EQ(nuv_process_wait(p, 10000, 0), 1);  // an exit status is not a failure
+  int status = -7;
+  EXPECT_EQ(nuv_process_wait_status(p, 10000, &status), 1);  // an exit status is not a failure
+  EXPECT_EQ(status, 3);
   EXPECT_EQ(nuvtest::ReadFile(out), "hello\n");
   std::string fds = nuvtest::ReadFile(dir.Sub("fds.txt"));
   EXPECT_NE(fds.find("0 -> /dev/null"), std::string::npos) << fds;
@@ -50,8 +52,10 @@ TEST(Process, TimeOutKillsTheWholeGroupAndLeavesNoZombie) {
     EXPECT_EQ(nuv_process_wait(p, 300, 0), 0);
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_TRUE(nuvtest::ChildPids(getpid()).empty());  // the shell is reaped
-    ASSERT_EQ(nuv_process_create("sleep 0.05", &p), 1);
-    EXPECT_EQ(nuv_process_wait(p, 5000, 0), 1);
+    ASSERT_EQ(nuv_process_create("sleep 0.05; kill -TERM $$", &p), 1);
+    int status = 0;
+    EXPECT_EQ(nuv_process_wait_status(p, 5000, &status), 1);
+    EXPECT_EQ(status, ignore_sigchld ? -1 : 128 + SIGTERM);  // reaped by the kernel: lost
     sigaction(SIGCHLD, &old, nullptr);
     // The grandchild got SIGKILL too: it is gone, or a zombie of whoever adopted it, once it
     // is next scheduled.

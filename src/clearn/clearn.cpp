@@ -76,6 +76,7 @@ void DeleteDayDirectory(const std::string& dir) {
 void CompressDayDirectory(const std::string& dir) {
   // No stream may keep a file of the day open while it is packed and removed.
   CloseFiles(dir);
+  RepairStreams(dir);
   if (GenCompressFile(dir.c_str(), dir.c_str(), kArchiveSuffix, CClearn::kCompressTimeout) != 0) {
     ZLOG_ERROR("[CClearn]:: dir compress failed. dir = %s", dir.c_str());
     return;
@@ -125,6 +126,7 @@ bool CClearn::StartClearn() {
   if (nuv_atomic32_get(&running_) == 1) {
     return true;
   }
+  RepairToday();
   if (nuv_thread_start(&thread_, ClearnThread, this) != 0) {
     return false;
   }
@@ -160,6 +162,20 @@ void CClearn::ClearnAllTypes() {
   }
 }
 
+void CClearn::RepairToday() {
+  std::set<std::string> bases = {GetStoreBaseDirectory(512), GetStoreBaseDirectory(0)};
+  for (int type : CAdditionCtrlor::GetInstance()->GetTypes()) {
+    bases.insert(GetStoreBaseDirectory(static_cast<unsigned int>(type)));
+  }
+  for (std::string base : bases) {
+    // Spelled as the streams spell their directories, so open ones are recognised.
+    if (base.empty() || base.back() != '/') {
+      base.push_back('/');
+    }
+    RepairStreams(base + "/" + Today());
+  }
+}
+
 void* ClearnThread(void* arg) {
   CClearnCfg::GetInstance()->GetTimeInterval();
   if (arg == nullptr) {
@@ -192,6 +208,21 @@ void CloseFiles(std::string directory) {
       CSingleton<CFileManager>::GetInstance().CloseFile(classify);
     } else {
       ZLOG_ERROR("[CClearn]::parse file path failed. file = %s", file.c_str());
+    }
+  }
+}
+
+void RepairStreams(const std::string& directory) {
+  std::vector<std::string> files;
+  if (!EnumFiles(directory, files)) {
+    return;
+  }
+  std::set<std::string> repaired;
+  for (const std::string& file : files) {
+    CFileClassify classify;
+    if (CFileClassify::ParseFilePath(file, classify) &&
+        repaired.insert(classify.GetIndexPath()).second) {
+      CSingleton<CFileManager>::GetInstance().RepairStream(classify);
     }
   }
 }

@@ -31,7 +31,8 @@ class CClearn {
   CClearn(const CClearn&) = delete;
   CClearn& operator=(const CClearn&) = delete;
 
-  // Starts the thread unless it runs; false when the platform cannot start it.
+  // Starts the thread unless it runs; false when the platform cannot start it. Before the
+  // thread starts, today's streams are repaired: a crash may have torn their tails.
   bool StartClearn();
   // Cancels the thread wherever it is, also in the middle of a pass.
   void StopClearn();
@@ -46,6 +47,8 @@ class CClearn {
   static void ClearnFiles(int type);
   // ClearnFiles for every type of kClearnTypes, in order.
   static void ClearnAllTypes();
+  // Repairs every stream of today's day directory under each base directory of the store.
+  static void RepairToday();
 
  private:
   nuv_thread_t* thread_ = nullptr;
@@ -60,5 +63,9 @@ void* ClearnThread(void* arg);
 // Closes every open stream of the store whose files lie under `directory`, so that none keeps
 // a file of a day about to be packed open.
 void CloseFiles(std::string directory);
+
+// Cuts the torn tails a crash left in the streams under `directory` (the unit's WARN line
+// names each), so that a day is packed as it reads back.
+void RepairStreams(const std::string& directory);
 
 #endif

@@ -17,15 +17,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string Output(const std::string& command) {
-  std::string out;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-    ::pclose(pipe);
-  }
-  return out;
-}
+using filetest::Output;
 
 bool Exists(const std::string& path) { return is_file_exist(path.c_str()) == 1; }
 
@@ -127,6 +119,41 @@ TEST_F(ClearnTest, FailedCompressionKeepsTheDayForTheNextPass) {
   CClearn::ClearnFiles(512);
   EXPECT_FALSE(Exists(log_ + "/20240309"));
   EXPECT_EQ(Unpacked(log_ + "/20240309.tgz", "app/app-1-512"), "yesterday");
+}
+
+TEST_F(ClearnTest, TornStreamsAreRepairedBeforePackingAndAtStart) {
+  // A crash tore the last record of a past day's stream and of today's: half an index line.
+  const auto tear = [](const CFileClassify& stream) {
+    ASSERT_TRUE(nuvtest::WriteFile(stream.GetContentPath(),
+                                   nuvtest::ReadFile(stream.GetContentPath()) + "tor"));
+    ASSERT_TRUE(nuvtest::WriteFile(stream.GetIndexPath(),
+                                   nuvtest::ReadFile(stream.GetIndexPath()) + "00000000"));
+  };
+  const CFileClassify past = Day(9, "my-agent", 512, {"whole"});
+  tear(past);
+  const CFileClassify today = Day(10, "php-fpm", 512, {"kept"});
+  tear(today);
+  // The walk spells the day directory with one separator where the store writes two.
+  const auto warned = [](const filetest::Lines& lines, const CFileClassify& stream) {
+    return filetest::Matching(
+               filetest::Matching(lines, "/index-" + stream.GetName() + "-1-512, cut index bytes "
+                                         "= 8, cut content bytes = 3."),
+               "[CFileUnit]::InitFileUint repaired, index = ").size();
+  };
+
+  auto lines = filetest::CaptureLog([] { CClearn::ClearnFiles(512); });
+  EXPECT_EQ(warned(lines, past), 1u);
+  EXPECT_EQ(Unpacked(log_ + "/20240309.tgz", "my-agent/my-agent-1-512"), "whole");
+  EXPECT_EQ(Unpacked(log_ + "/20240309.tgz", "my-agent/index-my-agent-1-512"),
+            filetest::IndexLines({"whole"}));
+  EXPECT_FALSE(Exists(log_ + "/20240309"));
+
+  CClearn clearn;
+  lines = filetest::CaptureLog([&] { ASSERT_TRUE(clearn.StartClearn()); });
+  clearn.StopClearn();
+  EXPECT_EQ(warned(lines, today), 1u);
+  EXPECT_EQ(nuvtest::ReadFile(today.GetContentPath()), "kept");
+  EXPECT_EQ(nuvtest::ReadFile(today.GetIndexPath()), filetest::IndexLines({"kept"}));
 }
 
 TEST_F(ClearnTest, ThreadFlushesSoonPassesHourlyAndStopsPromptly) {

@@ -5,11 +5,12 @@
 
 #include <cstdint>
 
-// Runs "tar -zcvf <source>.<suffix> -C <target> ." and waits up to `timeout` milliseconds.
-// `source` is the archive's stem and must exist; `target` is the directory whose contents are
-// archived. Paths go into the command unquoted.
-// 0: tar ended in time (its exit status is not examined);
-// 0x84CE0001: tar could not be started, or waiting for it failed or timed out;
+// Packs the contents of `target` into <source>.<suffix> with tar, waiting up to `timeout`
+// milliseconds. `source` is the archive's stem and must exist. Paths are quoted for the shell.
+// The archive is written under a temporary name, listed back whole, and renamed into place.
+// 0: the archive is in place and reads back;
+// 0x84CE0001: tar could not be started, waiting failed or timed out, or it failed (no archive
+//             was put in place, and an earlier one is left as it was);
 // 0x84CE0002: a null argument, or `source` does not exist (nothing is started).
 uint32_t GenCompressFile(const char* source, const char* target, const char* suffix,
                          long long timeout);

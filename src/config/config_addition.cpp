@@ -50,6 +50,14 @@ std::string CAdditionCtrlor::GetFilePath(int type) const {
   return sub != nullptr ? sub->filePath : CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath();
 }
 
+std::vector<int> CAdditionCtrlor::GetTypes() const {
+  std::vector<int> types;
+  for (const auto& entry : subs_) {
+    types.push_back(entry.first);
+  }
+  return types;
+}
+
 int CAdditionCtrlor::GetFileSize(int type) const {
   const CConfigSub* sub = Find(type);
   return sub != nullptr ? sub->fileSize : CClearnCfg::GetInstance()->GetLimitFileSize();

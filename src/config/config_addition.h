@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "common/jsonutil.h"
 
@@ -33,6 +34,8 @@ class CAdditionCtrlor {
   int GetFileSize(int type) const;
   int GetClearnDay(int type) const;
   int GetFileCache(int type) const;
+  // The types that have an entry, in ascending order.
+  std::vector<int> GetTypes() const;
 
   CAdditionCtrlor(const CAdditionCtrlor&) = delete;
   CAdditionCtrlor& operator=(const CAdditionCtrlor&) = delete;

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -135,6 +136,17 @@ inline Lines Stored(CFileClassify stream) {
   Lines records;
   store.ReadALLFile(stream, records);
   return records;
+}
+
+// What `command` printed on its standard output.
+inline std::string Output(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    ::pclose(pipe);
+  }
+  return out;
 }
 
 // The lines of `lines` that hold `text`.

@@ -18,6 +18,8 @@ const char kProcessPointName[] = "processpoint";
 constexpr unsigned int kProcessPointPid = 3;
 
 constexpr int kResultInvalidParameter = static_cast<int>(0x84CE0002u);
+// Codes from 200 on come from the store itself.
+constexpr int kFirstStoreError = 200;
 
 }  // namespace
 
@@ -61,10 +63,23 @@ int CPerformanceHandler::MaintanceReceiver(comm_data* request, comm_data* /*repl
     record.SetPid(kProcessPointPid);
     record.SetName(kProcessPointName);
   }
+  if (!record.GetName().empty() && !CFileClassify::IsStoreName(record.GetName())) {
+    ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver name is not a store name. name = %s",
+               record.GetName().c_str());
+    return kResultInvalidParameter;
+  }
   CFileClassify classify;
-  if (classify.InitFileClassify(record.GetName(), record.GetPid(), record.GetType())) {
-    // The sender cannot act on a failed write, so it is not reported back.
-    CSingleton<CFileManager>::GetInstance().WriteFile(classify, record.GetContext());
+  if (!classify.InitFileClassify(record.GetName(), record.GetPid(), record.GetType())) {
+    return 0;
+  }
+  // A record the store refused for want of content is dropped quietly; one the disk would not
+  // take is reported, so nobody takes it for stored.
+  const CError written =
+      CSingleton<CFileManager>::GetInstance().WriteFile(classify, record.GetContext());
+  if (written.code >= kFirstStoreError) {
+    ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver write failed with error:%d-%s",
+               written.code, written.desc.c_str());
+    return written.code;
   }
   return 0;
 }

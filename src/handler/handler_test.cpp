@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "file/file_test_support.h"
 #include "handler/logdata.h"
+#include "nuv_syscall.h"
 
 namespace {
 
@@ -73,6 +75,33 @@ TEST_F(HandlerTest, UnusableAndPartlyParsedMessages) {
     EXPECT_EQ(access(row.stream.GetContentPath().c_str(), F_OK), 0) << row.stream.GetContentPath();
     EXPECT_EQ(filetest::Stored(row.stream), Lines{});
   }
+}
+
+ssize_t DiskFull(int, const void*, size_t) {
+  errno = ENOSPC;
+  return -1;
+}
+
+TEST_F(HandlerTest, WriteFailuresAndNamesOutsideTheStoreAreReported) {
+  const CLogData record("proc", "m1", 4077, 100, "sample");
+  nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(DiskFull));
+  const auto full = Post(record.LogDataToString());
+  nuv_sys_override(NUV_SYS_WRITE, nullptr);
+  const CFileClassify stream = Classify("proc", 4077, 100);
+  EXPECT_EQ(full, std::make_pair(205, Lines{"[ERROR] [CPerformanceHandler]::MaintanceReceiver "
+                                            "write failed with error:205-write file failed, "
+                                            "path = " + stream.GetContentPath()}));
+  EXPECT_EQ(filetest::Stored(stream), Lines{});
+
+  for (const std::string name : {"..", ".", "../../escaped", "/abs"}) {
+    EXPECT_EQ(Post(CLogData(name, "m1", 5, 100, "x").LogDataToString()),
+              std::make_pair(static_cast<int>(0x84CE0002u),
+                             Lines{"[ERROR] [CPerformanceHandler]::MaintanceReceiver name is not "
+                                   "a store name. name = " + name}));
+  }
+  const std::string base = GetStoreBaseDirectory(100);
+  EXPECT_FALSE(is_file_exist((GetDirectory(GetDirectory(base)) + "/escaped").c_str()));
+  EXPECT_FALSE(is_file_exist((base + "/..-5-100").c_str()));
 }
 
 TEST(PerformanceHandlerLifecycle, FailuresAreReported) {
