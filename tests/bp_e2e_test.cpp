@@ -1,8 +1,15 @@
 // Burying points from other processes into the running daemon's store: posted over the bus by this
 // test process and by nuvctl, read back from the store as an operator would.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <set>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -41,7 +48,7 @@ class BpEndToEnd : public ::testing::Test {
     tree_.Stop();
     nuv_comm_uninit();
   }
-  // The daemon's exit writes out what the store still buffers; then the stream as nuvctl reads it.
+  // The stream as nuvctl reads it once the daemon has stopped.
   nuvtest::RunResult StopAndCat(const std::string& name) {
     EXPECT_EQ(tree_.Stop(), 0) << tree_.DaemonErr();
     return tree_.Nuvctl({"store", "cat", name, "0", "256"});
@@ -110,6 +117,137 @@ TEST_F(BpEndToEnd, ConcurrentPostersLoseNothing) {
     return lines;
   };
   EXPECT_EQ(sortedLines(stored.out), sortedLines(all));
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+    lines.push_back(text.substr(at, end - at));
+  return lines;
+}
+
+TEST_F(BpEndToEnd, AKilledDaemonHasStoredEveryRecordItAcknowledged) {
+  constexpr int kThreads = 4;
+  std::atomic<bool> stop{false};
+  std::vector<std::vector<std::string>> acked(kThreads);
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([t, &stop, &acked] {
+      for (int i = 0; !stop; ++i) {
+        const std::string point = Point("/bin/killed:" + std::to_string(t * 1000000 + i));
+        if (Post(point) != 0) break;
+        acked[t].push_back(point);
+      }
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));
+  ASSERT_EQ(::kill(tree_.pid(), SIGKILL), 0);
+  stop = true;
+  for (std::thread& poster : posters) poster.join();
+  EXPECT_EQ(tree_.Wait(), 128 + SIGKILL);
+
+  // A restart repairs whatever the kill tore; every acknowledged record is still there.
+  ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
+  const nuvtest::RunResult stored = StopAndCat("killed");
+  ASSERT_EQ(stored.code, 0) << stored.err;
+  const std::vector<std::string> lines = LinesOf(stored.out);
+  const std::set<std::string> kept(lines.begin(), lines.end());
+  size_t total = 0;
+  for (const auto& mine : acked) {
+    total += mine.size();
+    for (const std::string& point : mine) ASSERT_EQ(kept.count(point), 1u) << point;
+  }
+  EXPECT_GT(total, 100u);
+  EXPECT_LE(lines.size(), total + kThreads);  // at most the one in flight per poster besides
+  EXPECT_EQ(tree_.Nuvctl({"store", "verify"}).code, 0);
+}
+
+// The store's directory on a tmpfs of its own, unmounted when done.
+class SmallDisk {
+ public:
+  explicit SmallDisk(const std::string& dir) : dir_(dir) {
+    std::error_code ignored;
+    std::filesystem::create_directories(dir, ignored);
+    mounted_ = ::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=256k,mode=0750") == 0;
+  }
+  ~SmallDisk() {
+    if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+  bool Grow() { return ::mount("tmpfs", dir_.c_str(), "tmpfs", MS_REMOUNT, "size=4m") == 0; }
+
+ private:
+  std::string dir_;
+  bool mounted_ = false;
+};
+
+TEST(BpEndToEndDisk, AFullDiskRefusesPostsAndLosesNoAcknowledgedRecord) {
+  nuvtest::DaemonTree tree;
+  ASSERT_TRUE(tree.ok());
+  SmallDisk disk(tree.Sub("data"));
+  if (!disk.mounted()) GTEST_SKIP() << "mounting a tmpfs needs CAP_SYS_ADMIN";
+  setenv("NUV_COMM_DIR", tree.Sub("comm").c_str(), 1);
+  ASSERT_EQ(nuv_comm_init(), 0);
+  ASSERT_TRUE(tree.StartServing()) << tree.DaemonErr();
+
+  const std::string filler(2000, 'f');
+  std::vector<std::string> acked;
+  int refused = 0;
+  for (int i = 0; i < 1000 && refused == 0; ++i) {
+    const std::string point = Point("/bin/full:" + std::to_string(i) + filler);
+    refused = Post(point);
+    if (refused == 0) acked.push_back(point);
+  }
+  EXPECT_EQ(refused, 205);  // write file failed: the poster knows
+  EXPECT_GT(acked.size(), 50u);
+  EXPECT_EQ(tree.Count("[nuv_maintain][fileunit] write content failed."), 1);
+  EXPECT_EQ(tree.Nuvctl({"store", "verify"}).code, 0);
+
+  ASSERT_TRUE(disk.Grow());
+  for (int i = 0; i < 20; ++i) {
+    const std::string point = Point("/bin/full:after" + std::to_string(i));
+    ASSERT_EQ(Post(point), 0);
+    acked.push_back(point);
+  }
+  std::string expected;
+  for (const std::string& point : acked) expected += point + "\n";
+  EXPECT_EQ(tree.Stop(), 0);
+  EXPECT_EQ(tree.Nuvctl({"store", "cat", "full", "0", "256"}).out, expected);
+  ASSERT_TRUE(tree.StartServing());
+  EXPECT_EQ(tree.Stop(), 0);
+  EXPECT_EQ(tree.Nuvctl({"store", "cat", "full", "0", "256"}).out, expected);
+  nuv_comm_uninit();
+}
+
+TEST(BpEndToEndMidnight, NamesWithDashesCrossMidnightAndAreListed) {
+  nuvtest::DaemonTree tree;
+  ASSERT_TRUE(tree.ok());
+  // The daemon's clock reads two seconds before the next local midnight.
+  const time_t now = std::time(nullptr);
+  struct tm local {};
+  localtime_r(&now, &local);
+  const long untilMidnight = 86400 - (local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec);
+  tree.AddEnv("NUV_TIME_OFFSET=" + std::to_string(untilMidnight - 2));
+  setenv("NUV_COMM_DIR", tree.Sub("comm").c_str(), 1);
+  ASSERT_EQ(nuv_comm_init(), 0);
+  ASSERT_TRUE(tree.StartServing()) << tree.DaemonErr();
+  const std::string before = Point("/usr/sbin/php-fpm:1"), after = Point("/usr/sbin/php-fpm:2");
+  ASSERT_EQ(Post(before), 0);
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  EXPECT_EQ(Post(after), 0);
+  EXPECT_EQ(tree.Stop(), 0);
+  nuv_comm_uninit();
+
+  const nuvtest::RunResult ls = tree.Nuvctl({"store", "ls"});
+  const std::vector<std::string> rows = LinesOf(ls.out);
+  ASSERT_EQ(rows.size(), 3u) << ls.out << ls.err;  // a header and one row a day
+  const std::string firstDay = rows[1].substr(0, 8), secondDay = rows[2].substr(0, 8);
+  EXPECT_NE(firstDay, secondDay);
+  for (const auto& [day, record] : {std::make_pair(firstDay, before), std::make_pair(secondDay, after)}) {
+    EXPECT_NE(rows[day == firstDay ? 1 : 2].find("php-fpm"), std::string::npos);
+    EXPECT_EQ(tree.Nuvctl({"store", "cat", "php-fpm", "0", "256", "--day", day}).out, record + "\n");
+  }
+  EXPECT_EQ(tree.Nuvctl({"store", "verify"}).code, 0);
 }
 
 }  // namespace

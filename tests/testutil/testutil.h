@@ -74,6 +74,9 @@ class DaemonTree {
   DaemonTree& operator=(const DaemonTree&) = delete;
 
   bool ok() const { return ok_; }  // laid out and configured
+  int pid() const { return pid_; }  // the started daemon, or -1
+  // Adds "NAME=value" to the environment of the daemon and of nuvctl.
+  void AddEnv(const std::string& entry) { env_.push_back(entry); }
   std::string Sub(const std::string& rel) const { return dir_.Sub(rel); }
   std::string ConfigPath() const { return dir_.Sub("config/maintenance.json"); }
   // Starts nuv_maintd with `args`, standard output and error to <tree>/daemon.{out,err}; its pid.

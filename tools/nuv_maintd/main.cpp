@@ -1,6 +1,7 @@
 // nuv_maintd: the host daemon. Starts the maintenance library, waits for SIGINT or SIGTERM,
 // stops it.
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +32,19 @@ const char kUsage[] =
 int Usage(const char* error) {
   std::fprintf(stderr, "nuv_maintd: %s\n%s", error, kUsage);
   return 2;
+}
+
+// Each open stream of the store holds descriptors until its day is packed; a host's default
+// soft limit would refuse new streams long before the hard limit is reached.
+void RaiseDescriptorLimit() {
+  struct rlimit limit {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+      std::fprintf(stderr, "nuv_maintd: cannot raise the descriptor limit: %s\n",
+                   std::strerror(errno));
+    }
+  }
 }
 
 std::string ExePath() {
@@ -79,6 +93,7 @@ int main(int argc, char** argv) {
   sigaddset(&stop_signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
+  RaiseDescriptorLimit();
   std::string config = nuvtools::ConfigPathFor(ExePath());
   uint32_t rc = nuv_start_perf_manager();
   if (rc != NUV_MAINT_OK) {

@@ -322,8 +322,9 @@ int Cat(const Options& options) {
   const std::string& name = options.operands[0];
   unsigned int pid = 0;
   unsigned int type = 0;
-  if (name.empty() || name.find_first_of("-/") != std::string::npos) {
-    return UsageError("NAME must be non-empty and hold no '-' or '/', not '" + name + "'");
+  if (!CFileClassify::IsStoreName(name)) {
+    return UsageError("NAME must be a store name (not empty, '.' or '..', no '/'), not '" + name +
+                      "'");
   }
   if (!ParseUnsigned(options.operands[1], pid)) {
     return UsageError("PID must be a number, not '" + options.operands[1] + "'");
