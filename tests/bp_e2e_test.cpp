@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -217,6 +218,28 @@ TEST(BpEndToEndDisk, AFullDiskRefusesPostsAndLosesNoAcknowledgedRecord) {
   EXPECT_EQ(tree.Stop(), 0);
   EXPECT_EQ(tree.Nuvctl({"store", "cat", "full", "0", "256"}).out, expected);
   nuv_comm_uninit();
+}
+
+TEST(BpEndToEndLimits, ManyStreamsUnderALowSoftDescriptorLimit) {
+  nuvtest::DaemonTree tree;
+  ASSERT_TRUE(tree.ok());
+  struct rlimit saved {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  if (saved.rlim_max < 2048) GTEST_SKIP() << "the hard descriptor limit is below 2048";
+  struct rlimit low = saved;
+  low.rlim_cur = 256;  // what the daemon inherits
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const bool serving = tree.StartServing();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  ASSERT_TRUE(serving) << tree.DaemonErr();
+  setenv("NUV_COMM_DIR", tree.Sub("comm").c_str(), 1);
+  ASSERT_EQ(nuv_comm_init(), 0);
+  int refused = 0;
+  for (int i = 0; i < 400; ++i) refused += Post(Point("/bin/stream" + std::to_string(i) + ":1")) != 0;
+  EXPECT_EQ(refused, 0);
+  EXPECT_EQ(tree.Stop(), 0);
+  nuv_comm_uninit();
+  EXPECT_EQ(LinesOf(tree.Nuvctl({"store", "ls"}).out).size(), 401u);
 }
 
 TEST(BpEndToEndMidnight, NamesWithDashesCrossMidnightAndAreListed) {

@@ -1,8 +1,12 @@
 #include "file/filemanager.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <utility>
@@ -141,6 +145,46 @@ TEST_F(FileManagerTest, ConcurrentWritersLoseNoRecord) {
     }
     EXPECT_EQ(mine, expected);
   }
+}
+
+// Streams beyond the descriptors the process may open are refused with a reason that says
+// so, and the streams already open keep working.
+TEST_F(FileManagerTest, OutOfDescriptorsIsNamedAndOpenStreamsGoOn) {
+  struct rlimit saved {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  CFileClassify open = Classify("open", 1, 256);
+  ASSERT_TRUE(manager_.WriteFile(open, "before").IsSuccess());
+  int highest = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    highest = std::max(highest, std::stoi(entry.path().filename().string()));
+  }
+  // Descriptors are handed out lowest first: fill the gaps below the highest one so that the
+  // limit counts exactly.
+  std::vector<int> fillers;
+  for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) {
+    fillers.push_back(fd);
+    if (fd >= highest) break;
+  }
+  ASSERT_FALSE(fillers.empty());
+  struct rlimit tight = saved;
+  tight.rlim_cur = static_cast<rlim_t>(fillers.back() + 1 + 4 * 3);  // three more streams
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  CError refused;
+  int opened = 0;
+  for (; opened < 50; ++opened) {
+    CFileClassify stream = Classify("many" + std::to_string(opened), 1, 256);
+    refused = manager_.WriteFile(stream, "x");
+    if (!refused.IsSuccess()) break;
+  }
+  const CError stillOpen = manager_.WriteFile(open, "after");
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  for (int fd : fillers) ::close(fd);
+  EXPECT_GE(opened, 2);
+  EXPECT_LE(opened, 3);
+  EXPECT_EQ(refused.code, 203);
+  EXPECT_NE(refused.desc.find(" (too many open files)"), std::string::npos) << refused.desc;
+  EXPECT_TRUE(stillOpen.IsSuccess());
+  EXPECT_EQ(nuvtest::ReadFile(open.GetContentPath()), "beforeafter");
 }
 
 }  // namespace
