@@ -54,11 +54,13 @@ uint32_t GenCompressFile(const char* source, const char* target, const char* suf
     return NUV_MAINT_INVALID_PARAMETER;
   }
   // Packed under a temporary name, read back whole, and only then renamed into place: a tar
-  // that is missing, fails or is killed never leaves an archive that passes for the day.
+  // that is missing, fails or is killed never leaves an archive that passes for the day. The
+  // archive is as private as the store it came from.
   const std::string archive = std::string(source) + "." + suffix;
   const std::string partial = ShellQuoted(archive + ".part");
   const int length = std::snprintf(
-      command, sizeof(command), "tar -zcvf %s -C %s . && tar -tzf %s >/dev/null && mv -f %s %s",
+      command, sizeof(command),
+      "umask 027 && tar -zcvf %s -C %s . && tar -tzf %s >/dev/null && mv -f %s %s",
       partial.c_str(), ShellQuoted(target).c_str(), partial.c_str(), partial.c_str(),
       ShellQuoted(archive).c_str());
   if (length < 0 || static_cast<size_t>(length) >= sizeof(command)) {

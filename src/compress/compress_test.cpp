@@ -33,7 +33,7 @@ TEST(CompressTest, BadArgumentsOrATarThatCannotStartOrOutrunsItsTimeOutAreRefuse
     std::string message;
   } cases[] = {
       {true, 60000,
-       "start process failed(tar -zcvf '" + day + ".tgz.part' -C '" + day + "' . && tar -tzf '" +
+       "start process failed(umask 027 && tar -zcvf '" + day + ".tgz.part' -C '" + day + "' . && tar -tzf '" +
            day + ".tgz.part' >/dev/null && mv -f '" + day + ".tgz.part' '" + day + ".tgz')"},
       // A sparse 64 GiB file: tar needs minutes for it.
       {false, 300, "call nuv_process_wait error ret=110"},  // ETIMEDOUT
@@ -87,7 +87,8 @@ TEST(CompressTest, ATarThatIsMissingOrFailsPutsNoArchiveInPlace) {
     EXPECT_EQ(result, 0x84CE0001u) << path;
     const Lines messages = filetest::Messages(lines, "compress/compress_file.cpp");
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0].rfind("[ERROR] archive not written(tar -zcvf '"), 0u) << messages[0];
+    EXPECT_EQ(messages[0].rfind("[ERROR] archive not written(umask 027 && tar -zcvf '"), 0u)
+        << messages[0];
     EXPECT_NE(messages[0].find("), exit status " + std::to_string(status)), std::string::npos)
         << messages[0];
     EXPECT_EQ(nuvtest::ReadFile(day + ".tgz"), "an earlier archive");
@@ -102,6 +103,9 @@ TEST(CompressTest, PathsWithBlanksAndQuotesArePacked) {
   EXPECT_EQ(GenCompressFile(day.c_str(), day.c_str(), "tgz", 60000), 0u);
   EXPECT_EQ(filetest::Output("tar -xzOf \"" + day + ".tgz\" ./app/app-1-512"), "hello");
   EXPECT_FALSE(is_file_exist((day + ".tgz.part").c_str()));
+  struct stat st {};
+  ASSERT_EQ(::stat((day + ".tgz").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0007, 0u);
 }
 
 }  // namespace
