@@ -37,8 +37,8 @@ class CWorker {
   // left alone.
   void Reset();
 
-  std::string GetKey() const { return key_; }
-  std::string GetWorkerID() const { return monitor_.id; }
+  const std::string& GetKey() const { return key_; }
+  const std::string& GetWorkerID() const { return monitor_.id; }
   std::string GetHandler() const { return monitor_.handler; }
   // The dependent_id, or "" for an independent worker.
   std::string GetDependID() const { return hasParent_ ? monitor_.dependent_id : std::string(); }

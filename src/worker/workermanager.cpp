@@ -1,7 +1,9 @@
 #include "worker/workermanager.h"
 
+#include <algorithm>
 #include <memory>
 #include <new>
+#include <unordered_set>
 
 #include "common/log.h"
 #include "common/rwlock_guard.h"
@@ -51,9 +53,10 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
             inserted = true;
           }
         }
+        RefreshParents();
       } else {
         workers_.push_back(owned.get());
-        owned.release();
+        IndexRoot(owned.release());
         inserted = true;
       }
     } catch (const std::bad_alloc&) {
@@ -72,7 +75,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
 bool CWorkerManager::FindWorker(const std::string& key, const std::string& id) {
   CRwLockGuard guard(lock_, false, "CWorkerManager");
   std::vector<CWorker*> found;
-  for (CWorker* root : workers_) {
+  for (CWorker* root : Candidates(RootsOfKey(key))) {
     root->FindWorker(key, id, found);
     if (!found.empty()) {
       return true;
@@ -82,55 +85,120 @@ bool CWorkerManager::FindWorker(const std::string& key, const std::string& id) {
 }
 
 void CWorkerManager::FindWokerByKeyNolock(const std::string& key, std::vector<CWorker*>& out) {
-  for (CWorker* root : workers_) {
+  for (CWorker* root : Candidates(RootsOfKey(key))) {
     root->FindWokerByKey(key, out);
   }
 }
 
 void CWorkerManager::FindWokerByIDNolock(const std::string& id, std::vector<CWorker*>& out) {
-  for (CWorker* root : workers_) {
+  for (CWorker* root : Candidates(RootsOfID(id))) {
     root->FindWokerByID(id, out);
   }
 }
 
+const std::vector<CWorker*>* CWorkerManager::RootsOfKey(const std::string& key) const {
+  auto found = byKey_.find(key);
+  return found == byKey_.end() ? nullptr : &found->second;
+}
+
+const std::vector<CWorker*>* CWorkerManager::RootsOfID(const std::string& id) const {
+  auto found = byID_.find(id);
+  return found == byID_.end() ? nullptr : &found->second;
+}
+
+std::vector<CWorker*> CWorkerManager::Candidates(const std::vector<CWorker*>* indexed) const {
+  static const std::vector<CWorker*> kNone;
+  const std::vector<CWorker*>& roots = indexed != nullptr ? *indexed : kNone;
+  if (parents_.empty()) {
+    return roots;
+  }
+  const auto earlier = [this](const CWorker* a, const CWorker* b) {
+    return sequence_.at(a) < sequence_.at(b);
+  };
+  std::vector<CWorker*> merged;
+  merged.reserve(roots.size() + parents_.size());
+  std::set_union(roots.begin(), roots.end(), parents_.begin(), parents_.end(),
+                 std::back_inserter(merged), earlier);
+  return merged;
+}
+
+void CWorkerManager::IndexRoot(CWorker* root) {
+  sequence_[root] = nextSequence_++;
+  byKey_[root->GetKey()].push_back(root);
+  byID_[root->GetWorkerID()].push_back(root);
+}
+
+void CWorkerManager::UnindexRoot(CWorker* root) {
+  const auto drop = [root](std::unordered_map<std::string, std::vector<CWorker*>>& index,
+                           const std::string& name) {
+    auto found = index.find(name);
+    if (found == index.end()) {
+      return;
+    }
+    std::vector<CWorker*>& roots = found->second;
+    roots.erase(std::remove(roots.begin(), roots.end(), root), roots.end());
+    if (roots.empty()) {
+      index.erase(found);
+    }
+  };
+  drop(byKey_, root->GetKey());
+  drop(byID_, root->GetWorkerID());
+  parents_.erase(std::remove(parents_.begin(), parents_.end(), root), parents_.end());
+  sequence_.erase(root);
+}
+
+void CWorkerManager::RefreshParents() {
+  parents_.clear();
+  for (CWorker* root : workers_) {
+    if (root->HasChildrens()) {
+      parents_.push_back(root);
+    }
+  }
+}
+
 template <typename Match, typename Descend>
-void CWorkerManager::DeleteMatching(const Match& match, const Descend& descend, Removal removal) {
-  auto it = workers_.begin();
-  while (it != workers_.end()) {
-    CWorker* root = *it;
+void CWorkerManager::DeleteMatching(const std::vector<CWorker*>* indexed, const Match& match,
+                                    const Descend& descend, Removal removal) {
+  std::unordered_set<const CWorker*> deleted;
+  for (CWorker* root : Candidates(indexed)) {
     if (!match(*root)) {
       if (root->HasChildrens()) {
         descend(*root);
       }
-      ++it;
       continue;
     }
-    if (root->WaitDeletable()) {
-      delete root;  // its destructor takes the descendants and their cells
-      it = workers_.erase(it);
-      continue;
+    // A delivery still running on it: removal never leaves a worker half-removed.
+    while (!root->WaitDeletable()) {
+      if (removal == Removal::kByID) {
+        ZLOG_ERROR("[CWorkerManager]::DeleteWorkerByID failed. IsDelete ref, id = %s.",
+                   root->GetWorkerID().c_str());
+      } else {
+        ZLOG_ERROR("[CWorkerManager]::DeleteWorkerByKey failed. IsDelete ref, id = %s.",
+                   root->GetWorkerID().c_str());
+      }
     }
-    // A delivery is still running on it; removal never leaves a worker half-removed.
-    if (removal == Removal::kByID) {
-      ZLOG_ERROR("[CWorkerManager]::DeleteWorkerByID failed. IsDelete ref, id = %s.",
-                 root->GetWorkerID().c_str());
-    } else {
-      ZLOG_ERROR("[CWorkerManager]::DeleteWorkerByKey failed. IsDelete ref, id = %s.",
-                 root->GetWorkerID().c_str());
-    }
+    UnindexRoot(root);
+    deleted.insert(root);
+    delete root;  // its destructor takes the descendants and their cells
+  }
+  if (!deleted.empty()) {
+    // One pass over the list, whatever the number of roots removed.
+    workers_.erase(std::remove_if(workers_.begin(), workers_.end(),
+                                  [&deleted](const CWorker* w) { return deleted.count(w) != 0; }),
+                   workers_.end());
   }
 }
 
 CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
   CRwLockGuard guard(lock_, true, "CWorkerManager");
-  DeleteMatching([&id](CWorker& root) { return root.GetWorkerID() == id; },
+  DeleteMatching(RootsOfID(id), [&id](CWorker& root) { return root.GetWorkerID() == id; },
                  [&id](CWorker& root) { root.DeleteWorkerByID(id); }, Removal::kByID);
   return CError();
 }
 
 CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
   CRwLockGuard guard(lock_, true, "CWorkerManager");
-  DeleteMatching([&key](CWorker& root) { return root.GetKey() == key; },
+  DeleteMatching(RootsOfKey(key), [&key](CWorker& root) { return root.GetKey() == key; },
                  [&key](CWorker& root) { root.DeleteWorkerByKey(key); }, Removal::kByKey);
   return CError();
 }
@@ -151,6 +219,10 @@ void CWorkerManager::DestroyWorker() {
     ZLOG_ERROR("[CWorkerManager]::DestroyWorker failed. IsDelete ref, id = %s.",
                root->GetWorkerID().c_str());
   }
+  byKey_.clear();
+  byID_.clear();
+  sequence_.clear();
+  parents_.clear();
 }
 
 template <typename Sample>

@@ -2,7 +2,9 @@
 #ifndef NUV_WORKER_WORKERMANAGER_H
 #define NUV_WORKER_WORKERMANAGER_H
 
+#include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "common/error.h"
@@ -13,6 +15,11 @@
 // Independent workers are roots in a list; dependent workers live inside their parents. The
 // lock is shared while samples are delivered (deliveries may run in parallel) and exclusive
 // for insertion and removal.
+//
+// Beside the list, an index finds the roots of one key or one id without walking the list:
+// a host with a thousand processes of one image carries a hundred thousand workers. Roots
+// that have children are few; they are searched in full, so dependants are found as well.
+// Every lookup visits its roots in list order, the order a walk of the list would give.
 class CWorkerManager {
  public:
   CWorkerManager();
@@ -48,14 +55,31 @@ class CWorkerManager {
 
  private:
   enum class Removal { kByID, kByKey };
-  // Over the roots, with the lock held: matching roots are freed once deletable, the others
-  // are searched by `descend`.
+  // Over the roots that may match, in list order, with the lock held: matching roots are freed
+  // once deletable, the others are searched by `descend`.
   template <typename Match, typename Descend>
-  void DeleteMatching(const Match& match, const Descend& descend, Removal removal);
+  void DeleteMatching(const std::vector<CWorker*>* indexed, const Match& match,
+                      const Descend& descend, Removal removal);
   template <typename Sample>
   void DispatchByKey(const std::string& key, const Sample& sample);
 
+  // The roots that may hold a match: those of `indexed` and every root with children, merged
+  // in list order.
+  std::vector<CWorker*> Candidates(const std::vector<CWorker*>* indexed) const;
+  const std::vector<CWorker*>* RootsOfKey(const std::string& key) const;
+  const std::vector<CWorker*>* RootsOfID(const std::string& id) const;
+  void IndexRoot(CWorker* root);
+  void UnindexRoot(CWorker* root);
+  // Rebuilds the list of roots with children after dependants were inserted.
+  void RefreshParents();
+
   std::vector<CWorker*> workers_;
+  // Roots by key and by id, each vector in list order; the sequence number gives that order.
+  std::unordered_map<std::string, std::vector<CWorker*>> byKey_;
+  std::unordered_map<std::string, std::vector<CWorker*>> byID_;
+  std::unordered_map<const CWorker*, uint64_t> sequence_;
+  std::vector<CWorker*> parents_;
+  uint64_t nextSequence_ = 0;
   nuv_rwlock_t* lock_ = nullptr;
 };
 

@@ -173,4 +173,87 @@ TEST(CWorkerManager, InsertFindDispatchDelete) {
   EXPECT_EQ(BusEnvironment::Take(), Ids{});
 }
 
+// Random registration, unregistration and process exits, with and without dependants: every
+// lookup answers what a walk over a plain list of the live workers answers, in the same order.
+TEST(CWorkerManager, IndexAgreesWithAWalkThroughChurn) {
+  CWorkerManager manager;
+  struct Live {
+    std::string id, key, parent;
+  };
+  std::vector<Live> model;  // roots in list order, each followed by its dependants
+  unsigned seed = 7;
+  const auto next = [&seed](unsigned n) { return (seed = seed * 1103515245u + 12345u) / 65536 % n; };
+  const auto expected = [&model](auto match) {
+    std::vector<std::string> ids;
+    for (const Live& w : model) {
+      if (match(w)) ids.push_back(w.id + "@" + w.key);
+    }
+    return ids;
+  };
+  const auto found = [](const std::vector<CWorker*>& workers) {
+    std::vector<std::string> ids;
+    for (const CWorker* w : workers) ids.push_back(w->GetWorkerID() + "@" + w->GetKey());
+    return ids;
+  };
+  // Roots are "r" ids and dependants "d" ids, so a dependant never becomes a parent itself.
+  for (int step = 0; step < 600; ++step) {
+    std::string id = (next(3) == 0 ? "d" : "r") + std::to_string(next(8));
+    const int pid = 100 + static_cast<int>(next(6));
+    const std::string key = CreateKey("/opt/churn.bin", pid);
+    switch (next(5)) {
+      case 0:
+      case 1:
+        id[0] = 'r';
+        ASSERT_EQ(Add(manager, Monitor(id, "/opt/churn.bin", pid)).code, 0);
+        model.push_back({id, key, ""});
+        break;
+      case 2: {  // a dependant under every root of its parent's id
+        id[0] = 'd';
+        const std::string parent = "r" + std::to_string(next(8));
+        bool any = false;
+        for (size_t i = 0; i < model.size(); ++i) {
+          if (model[i].id == parent && model[i].parent.empty()) {
+            size_t end = i + 1;
+            while (end < model.size() && !model[end].parent.empty()) ++end;
+            model.insert(model.begin() + static_cast<long>(end), Live{id, key, parent});
+            any = true;
+          }
+        }
+        if (!any) break;
+        ASSERT_EQ(Add(manager, Monitor(id, "/opt/churn.bin", pid, parent)).code, 0);
+        break;
+      }
+      case 3: {  // unregistration: roots and dependants of that id
+        manager.DeleteWorkerByID(id);
+        std::vector<Live> kept;
+        bool dropping = false;
+        for (const Live& w : model) {
+          if (w.parent.empty()) dropping = w.id == id;
+          if (!dropping && w.id != id) kept.push_back(w);
+        }
+        model = kept;
+        break;
+      }
+      default: {  // a process exit
+        manager.DeleteWorkerByKey(key);
+        std::vector<Live> kept;
+        bool dropping = false;
+        for (const Live& w : model) {
+          if (w.parent.empty()) dropping = w.key == key;
+          if (!dropping && w.key != key) kept.push_back(w);
+        }
+        model = kept;
+      }
+    }
+    std::vector<CWorker*> byKey, byID;
+    manager.FindWokerByKeyNolock(key, byKey);
+    manager.FindWokerByIDNolock(id, byID);
+    ASSERT_EQ(found(byKey), expected([&](const Live& w) { return w.key == key; })) << step;
+    ASSERT_EQ(found(byID), expected([&](const Live& w) { return w.id == id; })) << step;
+    ASSERT_EQ(manager.FindWorker(key, id),
+              !expected([&](const Live& w) { return w.key == key && w.id == id; }).empty());
+  }
+  manager.DestroyWorker();
+}
+
 }  // namespace
