@@ -56,6 +56,8 @@ CommonPerfMgr::~CommonPerfMgr() {
 }
 
 bool CommonPerfMgr::StartPerfManager() {
+  // A stop detached the trigger; without this a second start would sample into nothing.
+  trigger_.SetPerfMonitor(this);
   const bool started = CPerformanceHandler::StartHandler() && trigger_.StartTrigger() &&
                        clearn_.StartClearn() && endpoint_.StartExportLPC();
   if (!started) StopPerfManager();

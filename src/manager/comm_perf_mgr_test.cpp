@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -210,6 +211,35 @@ TEST(CommonPerfMgr, RegistrationOverTheBus) {
   for (const auto& post : posts) EXPECT_EQ(Post(post.topic, post.text), post.result) << post.text;
   EXPECT_TRUE(manager.StopPerfManager());
   EXPECT_EQ(Post("maintenance:register", definition), NUV_COMM_E_NOTOPIC);
+  nuv_comm_uninit();
+}
+
+// Records posted to kFired, counted.
+std::atomic<int> g_fired{0};
+const char kFired[] = "mgrtest:fired";
+int CountFired(comm_data*, comm_data*, void*) {
+  ++g_fired;
+  return 0;
+}
+
+TEST(CommonPerfMgr, MonitorsFireAgainAfterStopAndStart) {
+  ASSERT_EQ(nuv_comm_init(), 0);
+  ASSERT_EQ(nuv_comm_register(kFired, CountFired, nullptr), 0);
+  CommonPerfMgr& manager = CSingleton<CommonPerfMgr>::GetInstance();
+  CMonitorData system = Monitor("again", "system:0", "C>=0/2");
+  system.handler = kFired;
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    ASSERT_TRUE(manager.StartPerfManager());
+    // Stop destroyed the worker; registering again makes it anew.
+    ASSERT_TRUE(manager.RegisterMonitor(system));
+    g_fired = 0;
+    for (int i = 0; i < 100 && g_fired == 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_GT(g_fired.load(), 0);
+    EXPECT_TRUE(manager.StopPerfManager());
+  }
+  nuv_comm_unregister(kFired);
   nuv_comm_uninit();
 }
 
