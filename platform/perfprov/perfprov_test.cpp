@@ -178,6 +178,31 @@ TEST_P(ProcEvents, OneStartAndOneExitPerProcessWithTheRememberedPath) {
   }
 }
 
+// A pre-forked worker runs its parent's program without executing one: it is a process of that
+// image all the same, whichever source reports it.
+TEST_P(ProcEvents, AChildThatNeverExecutesStartsAsItsParentsImage) {
+  EventRecorder rec;
+  ProcUnsubscriber unsubscribe;
+  if (!Subscribe(&rec)) GTEST_SKIP() << "netlink process connector not available here";
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  const uint32_t pid = static_cast<uint32_t>(child);
+  EXPECT_TRUE(rec.WaitFor(NUV_PROC_EVENT_START, pid));
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(rec.WaitFor(NUV_PROC_EVENT_EXIT, pid));
+  const auto events = rec.Events();
+  EXPECT_EQ(EventRecorder::Count(events, NUV_PROC_EVENT_START, pid), 1);
+  for (const auto& e : events) {
+    if (e.pid != pid) continue;
+    EXPECT_EQ(e.path, RealPath("/proc/self/exe")) << "event " << e.event;
+  }
+}
+
 TEST_P(ProcEvents, UnsubscribeWaitsForCallbackInFlight) {
   EventRecorder rec;
   std::atomic<bool> entered{false}, left{false};

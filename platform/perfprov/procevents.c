@@ -13,7 +13,19 @@ struct ev_state {
   int nl_fd;
   struct pp_table table;
   unsigned int generation;
+  /* Children forked and not yet announced, oldest first, with their fork times. */
+  struct forked *forked;
+  size_t nforked, capforked;
 };
+
+struct forked {
+  pid_t pid;
+  uint64_t at_ms;
+};
+
+/* A child that runs this long without executing another program is a process of its parent's
+ * image, as a /proc snapshot would see it; most children execute within microseconds. */
+#define FORK_GRACE_MS 500
 
 static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards g_run and g_choice */
 static struct pp_run *g_run;
@@ -83,6 +95,40 @@ static void scan(struct ev_state *st, int events) {
   if (!pp_run_stopping(st->run)) pp_table_sweep(&st->table, gen, events ? sweep_gone : NULL, st);
 }
 
+static void remember_fork(struct ev_state *st, pid_t pid) {
+  if (st->nforked == st->capforked) {
+    size_t cap = st->capforked ? st->capforked * 2 : 64;
+    struct forked *grown = realloc(st->forked, cap * sizeof *grown);
+    if (!grown) return; /* announced by the next overflow scan instead */
+    st->forked = grown;
+    st->capforked = cap;
+  }
+  st->forked[st->nforked].pid = pid;
+  st->forked[st->nforked].at_ms = pp_clock_ms(CLOCK_MONOTONIC);
+  st->nforked++;
+}
+
+/* Announces the children that have run past the grace without executing; returns the
+ * milliseconds until the next one is due (or a minute when none waits). */
+static uint64_t announce_forked(struct ev_state *st) {
+  uint64_t now = pp_clock_ms(CLOCK_MONOTONIC);
+  size_t done = 0;
+  for (; done < st->nforked && !pp_run_stopping(st->run); done++) {
+    const struct forked *f = &st->forked[done];
+    if (now - f->at_ms < FORK_GRACE_MS) break;
+    struct pp_proc *e = pp_table_find(&st->table, f->pid);
+    /* Executed (announced then) or gone (its exit removed it) meanwhile: nothing to say. */
+    if (!e || e->announced) continue;
+    e->announced = 1;
+    deliver(st, NUV_PROC_EVENT_START, e->pid, e->name, e->path);
+  }
+  memmove(st->forked, st->forked + done, (st->nforked - done) * sizeof *st->forked);
+  st->nforked -= done;
+  if (st->nforked == 0) return 60000;
+  uint64_t age = now - st->forked[0].at_ms;
+  return age >= FORK_GRACE_MS ? 0 : FORK_GRACE_MS - age;
+}
+
 static void on_netlink(const struct pp_nl_event *ev, void *arg) {
   struct ev_state *st = arg;
   if (pp_run_stopping(st->run)) return;
@@ -91,8 +137,8 @@ static void on_netlink(const struct pp_nl_event *ev, void *arg) {
   struct pp_proc *e;
   switch (ev->kind) {
     case PP_NL_FORK:
-      /* No start yet (a start is the running of a program), but the child is remembered so
-       * that its exit carries a name even if it never executes anything else. */
+      /* No start yet: the child is remembered, so that its exit carries a name, and announced
+       * once it has run a while without executing anything else. */
       if (pp_table_find(&st->table, ev->pid)) break;
       if (pp_read_ident(ev->pid, &ps, name, sizeof name, path, sizeof path) == 0) {
         e = pp_table_put(&st->table, ev->pid, ps.start, name, path);
@@ -100,7 +146,10 @@ static void on_netlink(const struct pp_nl_event *ev, void *arg) {
         const struct pp_proc *parent = pp_table_find(&st->table, ev->parent);
         e = parent ? pp_table_put(&st->table, ev->pid, 0, parent->name, parent->path) : NULL;
       }
-      if (e) e->announced = 0;
+      if (e) {
+        e->announced = 0;
+        remember_fork(st, ev->pid);
+      }
       break;
     case PP_NL_EXEC:
       e = pp_table_find(&st->table, ev->pid);
@@ -109,7 +158,8 @@ static void on_netlink(const struct pp_nl_event *ev, void *arg) {
         if (e) pp_table_put(&st->table, ev->pid, 0, "", "");
         break;
       }
-      if (e && e->announced && strcmp(e->path, path) != 0) report_exit(st, e);
+      if (e && e->announced && strcmp(e->path, path) == 0) break; /* the same program again */
+      if (e && e->announced) report_exit(st, e);
       e = pp_table_put(&st->table, ev->pid, ps.start, name, path);
       if (!e) break;
       e->announced = 1;
@@ -133,10 +183,13 @@ static void on_netlink(const struct pp_nl_event *ev, void *arg) {
 static void *ev_body(void *arg) {
   struct pp_run *run = arg;
   struct ev_state *st = run->state;
+  uint64_t next_fork_due = 60000;
   while (!pp_run_stopping(run)) {
     if (st->nl_fd >= 0) {
-      if (pp_run_wait(run, 60000, st->nl_fd)) break;
-      if (pp_nl_drain(st->nl_fd, on_netlink, st) != 0) {
+      if (pp_run_wait(run, next_fork_due, st->nl_fd)) break;
+      int drained = pp_nl_drain(st->nl_fd, on_netlink, st);
+      next_fork_due = announce_forked(st);
+      if (drained != 0) {
         /* The socket failed for good: carry on from /proc. */
         pp_nl_close(st->nl_fd);
         st->nl_fd = -1;
@@ -157,6 +210,7 @@ static void free_state(void *p) {
   if (!st) return;
   pp_nl_close(st->nl_fd);
   pp_table_free(&st->table);
+  free(st->forked);
   free(st);
 }
 
