@@ -26,6 +26,14 @@ NUV_API int nuv_path_remove_name_a(char *path);
 /* 1 when something exists at `path` (stat(2) follows links), else 0. */
 NUV_API int nuv_path_is_exist_a(const char *path);
 
+/* The canonical path of the existing file that `path` names, as the kernel reports a running
+ * program's executable, into `out` of `size` bytes: symbolic links followed, "." and ".."
+ * resolved. When `path` does not exist as written, each component is matched ignoring ASCII
+ * case (one that exists exactly as written is preferred, then the first match in name order),
+ * so a path that was lower-cased still finds "/opt/App/Bin". Returns 0, or -1 with errno
+ * (ENOENT when nothing matches, ENAMETOOLONG when the result does not fit). */
+NUV_API int nuv_path_resolve_nocase(const char *path, char *out, size_t size);
+
 /* 1 when `path` begins with "/", else 0 (also for NULL). */
 NUV_API int nuv_path_is_absolute(const char *path);
 

@@ -1,4 +1,8 @@
+#include <dirent.h>
 #include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <strings.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -125,4 +129,76 @@ const char *nuv_path_get_name_u(const char *path) {
   const char *slash = strrchr(path, '/');
   const char *name = slash ? slash + 1 : path;
   return *name ? name : NULL;
+}
+
+/* Appends to `dir` the entry of it whose name equals `name` ignoring ASCII case, the first in
+ * name order. 0, or -1 (ENOENT) when there is none. */
+static int append_nocase(char *dir, size_t size, const char *name, size_t len) {
+  DIR *d = opendir(dir[0] ? dir : "/");
+  if (!d) return -1;
+  char best[NAME_MAX + 1] = "";
+  struct dirent *e;
+  while ((e = readdir(d)) != NULL) {
+    if (strlen(e->d_name) == len && strncasecmp(e->d_name, name, len) == 0 &&
+        (!best[0] || strcmp(e->d_name, best) < 0)) {
+      memcpy(best, e->d_name, len + 1);
+    }
+  }
+  closedir(d);
+  if (!best[0]) {
+    errno = ENOENT;
+    return -1;
+  }
+  size_t used = strlen(dir);
+  if (used + 1 + len + 1 > size) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  dir[used] = '/';
+  memcpy(dir + used + 1, best, len + 1);
+  return 0;
+}
+
+int nuv_path_resolve_nocase(const char *path, char *out, size_t size) {
+  if (!path || !out || !path[0]) {
+    errno = EINVAL;
+    return -1;
+  }
+  char walked[PATH_MAX] = "";
+  if (access(path, F_OK) == 0) {
+    if (strlen(path) >= sizeof walked) {
+      errno = ENAMETOOLONG;
+      return -1;
+    }
+    strcpy(walked, path);
+  } else {
+    /* Component by component from the root; "." and ".." are left to realpath below. */
+    if (path[0] != '/') {
+      errno = ENOENT;
+      return -1;
+    }
+    for (const char *c = path; *c;) {
+      while (*c == '/') c++;
+      size_t len = strcspn(c, "/");
+      if (len == 0) break;
+      size_t used = strlen(walked);
+      int exact = used + 1 + len + 1 <= sizeof walked;
+      if (exact) {
+        snprintf(walked + used, sizeof walked - used, "/%.*s", (int)len, c);
+        exact = (len == 1 && c[0] == '.') || (len == 2 && c[0] == '.' && c[1] == '.') ||
+                access(walked, F_OK) == 0;
+        if (!exact) walked[used] = '\0';
+      }
+      if (!exact && append_nocase(walked, sizeof walked, c, len) != 0) return -1;
+      c += len;
+    }
+  }
+  char real[PATH_MAX];
+  if (!realpath(walked, real)) return -1;
+  if (strlen(real) >= size) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  strcpy(out, real);
+  return 0;
 }

@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
 
 #include <string>
 
@@ -55,6 +60,39 @@ TEST(Path, RelativePathsResolveAgainstTheExecutableDirectoryWithinTheBuffer) {
   EXPECT_EQ(tiny[sizeof tiny - 1], '\0');
   EXPECT_TRUE(nuv_path_is_exist_a(exe));
   EXPECT_FALSE(nuv_path_is_exist_a("/definitely/not/here"));
+}
+
+TEST(Path, ResolveFollowsLinksAndFindsCapitalsThatWereLowerCased) {
+  char base[] = "/tmp/nuvpathXXXXXX";
+  ASSERT_NE(mkdtemp(base), nullptr);
+  const std::string dir = base;
+  ASSERT_EQ(mkdir((dir + "/App").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((dir + "/app").c_str(), 0755), 0);  // exact spelling wins over case folding
+  FILE* f = fopen((dir + "/App/Bin").c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fclose(f);
+  ASSERT_EQ(symlink("App/Bin", (dir + "/link").c_str()), 0);
+  const std::pair<std::string, std::string> resolved[] = {
+      {dir + "/App/Bin", dir + "/App/Bin"},
+      {dir + "/APP/BIN", dir + "/App/Bin"},
+      {dir + "/link", dir + "/App/Bin"},
+      {dir + "/LINK", dir + "/App/Bin"},
+      {dir + "/app/../App/./bin", dir + "/App/Bin"},
+  };
+  char out[4096];
+  for (const auto& [in, want] : resolved) {
+    ASSERT_EQ(nuv_path_resolve_nocase(in.c_str(), out, sizeof out), 0) << in;
+    EXPECT_EQ(std::string(out), want) << in;
+  }
+  for (const std::string& missing : {dir + "/app/bin", dir + "/App/Bin2", std::string("rel/x")}) {
+    errno = 0;
+    EXPECT_EQ(nuv_path_resolve_nocase(missing.c_str(), out, sizeof out), -1) << missing;
+    EXPECT_EQ(errno, ENOENT) << missing;
+  }
+  char tiny[8];
+  EXPECT_EQ(nuv_path_resolve_nocase((dir + "/link").c_str(), tiny, sizeof tiny), -1);
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  nuv_dirutils_rmdir(base);
 }
 
 }  // namespace

@@ -45,8 +45,8 @@ class SamplesStoreAndBus : public ::testing::Environment {
 const ::testing::Environment* const kEnv =
     ::testing::AddGlobalTestEnvironment(new SamplesStoreAndBus);
 
-// Two processes of one copy of /bin/sleep, killed and reaped on destruction. Monitors lower-case
-// their focus, hence a lower-case directory.
+// Two processes of one copy of /bin/sleep, killed and reaped on destruction. The directory has
+// capitals: monitors lower-case their focus, and must still find the image.
 struct Sleepers {
   Sleepers() {
     fs::create_directories(dir);
@@ -66,7 +66,7 @@ struct Sleepers {
     std::error_code ec;
     fs::remove_all(dir, ec);
   }
-  const std::string dir = "/tmp/nuvmgrtest." + std::to_string(getpid());
+  const std::string dir = "/tmp/NuvMgrTest." + std::to_string(getpid());
   const std::string exe = dir + "/sleeper";
   int pids[2] = {-1, -1};
 };
@@ -107,7 +107,8 @@ int Post(const std::string& topic, const std::string& text) {
 
 TEST(CommonPerfMgr, DefinitionsBecomeWorkersWhenAndWhereTheirTargetsRun) {
   Sleepers children;
-  const std::string image = children.exe;
+  std::string image = children.exe;  // as monitors and samples spell it
+  std::transform(image.begin(), image.end(), image.begin(), ::tolower);
   const int(&pids)[2] = children.pids;
   ASSERT_TRUE(pids[0] > 0 && pids[1] > 0);
   // A file that no process runs.

@@ -4,7 +4,7 @@
 
 #include "common/log.h"
 #include "common/utils.h"
-#include "nuv_file.h"
+#include "nuv_path.h"
 
 namespace {
 
@@ -61,10 +61,15 @@ bool CMonitorData::CheckFocus() {
   if (pid == kProcessPointPid && image == kProcessPointImage) {
     return true;
   }
-  if (is_file_exist(image.c_str()) == 0) {
+  // Samples carry the executable's canonical path, lower-cased: the focus is taken to the
+  // same form, through links and whatever case the focus was written in.
+  char resolved[4096];
+  if (nuv_path_resolve_nocase(image.c_str(), resolved, sizeof resolved) != 0) {
     ZLOG_ERROR("[CMonitorData]::CheckFocus image file not exist, id = %s.", id.c_str());
     return false;
   }
+  image = resolved;
+  CorrectLowerString(image);
   if (pid_text == "*") {
     return true;
   }

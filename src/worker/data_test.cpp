@@ -39,6 +39,11 @@ TEST(MonitorDataTest, CheckValidOrderAndFocus) {
   LowerDir dir;
   ASSERT_TRUE(nuvtest::WriteFile(dir.path + "/app", "x"));
   ASSERT_TRUE(nuvtest::WriteFile(dir.path + "/a:b", "x"));
+  // An image whose path holds capitals, and a focus through a link: both name what samples
+  // will carry, the canonical path lower-cased.
+  ASSERT_EQ(::mkdir((dir.path + "/Opt").c_str(), 0755), 0);
+  ASSERT_TRUE(nuvtest::WriteFile(dir.path + "/Opt/Bin", "x"));
+  ASSERT_EQ(::symlink("Opt/Bin", (dir.path + "/link").c_str()), 0);
   const std::string focusBad = "[ERROR] [CMonitorData]::CheckValid focus is invalid. id = mon-1.";
   const std::string noFile = "[ERROR] [CMonitorData]::CheckFocus image file not exist, id = mon-1.";
   const std::string noColon =
@@ -65,6 +70,8 @@ TEST(MonitorDataTest, CheckValidOrderAndFocus) {
       {"$D/APP:*", kNone, "", {}, 3, "$D/app", "*", 0},
       {"$D/app:1234", kNone, "", {}, 1, "$D/app", "1234", 1234},
       {"$D/a:b:12", kNone, "", {}, 1, "$D/a:b", "12", 12},
+      {"$D/Opt/Bin:*", kNone, "", {}, 3, "$D/opt/bin", "*", 0},
+      {"$D/link:7", kNone, "", {}, 1, "$D/opt/bin", "7", 7},
       {"$D/app:0", kNone, focusInvalid, {focusBad}},
       {"$D/app:abc", kNone, focusInvalid, {focusBad}},
       {"$D/app:-5", kNone, focusInvalid, {focusBad}},
