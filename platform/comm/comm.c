@@ -252,6 +252,14 @@ int nuv_comm_unregister(const char *topic) {
 
 static void unref_cb(void *arg) { nuv__topic_unref(arg); }
 
+int nuv_comm_served_here(const char *topic) {
+  if (!valid_topic(topic)) return 0;
+  pthread_mutex_lock(&g_mu);
+  int here = g_users != 0 && find(topic, 1) != NULL;
+  pthread_mutex_unlock(&g_mu);
+  return here;
+}
+
 int nuv_comm_post(const char *topic, comm_data *data) {
   if (!valid_topic(topic) || !data || !data->bytes) return NUV_COMM_E_INVAL;
   pthread_mutex_lock(&g_mu);

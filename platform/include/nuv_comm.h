@@ -77,6 +77,10 @@ NUV_API int nuv_comm_unregister(const char *topic);
  * NUV_COMM_E_SYSTEM. Not a cancellation point. Thread-safe. */
 NUV_API int nuv_comm_post(const char *topic, comm_data *data);
 
+/* 1 when this process serves `topic` (a post to it is handled on the calling thread), else 0.
+ * Thread-safe. */
+NUV_API int nuv_comm_served_here(const char *topic);
+
 /* A new message holding a copy of `length` bytes at `bytes` (`bytes` may be NULL when length
  * is 0). Returns NULL when out of memory or for NULL bytes with a non-zero length. Release it
  * with nuv_comm_delete_data. */

@@ -5,6 +5,7 @@
 
 #include "common/log.h"
 #include "common/utils.h"
+#include "handler/topicposter.h"
 #include "notify/find.h"
 
 namespace {
@@ -69,6 +70,8 @@ bool CommonPerfMgr::StopPerfManager() {
   trigger_.StopTrigger();
   trigger_.ClearnPerfMonitor();
   workers_.DestroyWorker();
+  // No worker fires any more; what still waits for a silent subscriber goes.
+  CTopicPoster::GetInstance().Stop();
   clearn_.StopClearn();
   endpoint_.StopExportLPC();
   return true;

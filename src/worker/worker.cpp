@@ -9,6 +9,7 @@
 #include "common/utils.h"
 #include "config/config_collect.h"
 #include "handler/logdata.h"
+#include "handler/topicposter.h"
 #include "nuv_thread.h"
 
 // Children live in a vector that must move them when it grows: a copy would start with an
@@ -35,6 +36,10 @@ class DeliveryRef {
  private:
   CWorker& worker_;
 };
+
+void ReportPostFailure(const std::string& text) {
+  ZLOG_ERROR("[CWorker]::Execute post message failed, message = %s.", text.c_str());
+}
 
 }  // namespace
 
@@ -304,7 +309,5 @@ void CWorker::PostCell(CCell& cell) {
                monitor_.id.c_str());
     return;
   }
-  if (!PostMessage(monitor_.handler, text)) {
-    ZLOG_ERROR("[CWorker]::Execute post message failed, message = %s.", text.c_str());
-  }
+  CTopicPoster::GetInstance().Post(monitor_.handler, std::move(text), &ReportPostFailure);
 }

@@ -1,9 +1,18 @@
 #include "worker/workermanager.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <jansson.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -13,6 +22,7 @@
 #include "common/utils.h"
 #include "config/config_collect.h"
 #include "file/file_test_support.h"
+#include "handler/topicposter.h"
 
 namespace {
 
@@ -253,6 +263,62 @@ TEST(CWorkerManager, IndexAgreesWithAWalkThroughChurn) {
     ASSERT_EQ(manager.FindWorker(key, id),
               !expected([&](const Live& w) { return w.key == key && w.id == id; }).empty());
   }
+  manager.DestroyWorker();
+}
+
+// A subscriber that takes connections and never answers: a listening socket nobody accepts on.
+class SilentSubscriber {
+ public:
+  explicit SilentSubscriber(const std::string& topic) {
+    const std::string dir = std::getenv("NUV_COMM_DIR");
+    ::mkdir(dir.c_str(), 0700);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", dir.c_str(), topic.c_str());
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ok_ = fd_ >= 0 &&
+          ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+          ::listen(fd_, 16) == 0;
+    path_ = address.sun_path;
+  }
+  // Closing resets the connections waiting in the backlog: the stalled post ends.
+  ~SilentSubscriber() {
+    if (fd_ >= 0) ::close(fd_);
+    ::unlink(path_.c_str());
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  int fd_ = -1;
+  bool ok_ = false;
+  std::string path_;
+};
+
+TEST(CWorkerManager, ASilentSubscriberHoldsUpNoOtherMonitor) {
+  nuv_comm_set_timeout_ms(60000);  // a post to the silent topic would block a minute
+  CWorkerManager manager;
+  auto silent = std::make_unique<SilentSubscriber>("workermanager:silent");
+  ASSERT_TRUE(silent->ok());
+  {
+    CMonitorData mute = Monitor("mute", "system", 0);
+    mute.handler = "workermanager:silent";
+    ASSERT_EQ(Add(manager, mute).code, 0);
+    ASSERT_EQ(Add(manager, Monitor("heard", "system", 0)).code, 0);
+    auto sampling = std::async(std::launch::async, [&manager] {
+      for (int i = 0; i < 5; ++i) manager.Dispatch(SystemInfo());
+    });
+    EXPECT_EQ(sampling.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    sampling.wait();
+    EXPECT_EQ(BusEnvironment::Take(), Ids(5, "heard"));
+  }
+  const std::vector<std::string> lines = nuvtest::CaptureMessages([&silent] {
+    silent.reset();
+    CTopicPoster::GetInstance().Drain();
+  });
+  // The first record met the reset connection; the others, posted after it, found no server.
+  EXPECT_EQ(filetest::Matching(lines, "[ERROR] [CWorker]::Execute post message failed, message = "
+                                      "{\"name\": \"system\", \"id\": \"mute\"").size(), 5u);
+  nuv_comm_set_timeout_ms(0);
   manager.DestroyWorker();
 }
 
