@@ -3,6 +3,7 @@
 //
 //   build/bin/engine_bench [--benchmark_filter=...]
 #include <benchmark/benchmark.h>
+#include <muParserDLL.h>
 
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "common/utils.h"
 #include "nuv_log.h"
 #include "worker/cell.h"
+#include "worker/express.h"
 #include "worker/data.h"
 #include "worker/workermanager.h"
 
@@ -47,6 +49,51 @@ void BM_ProcessCell(benchmark::State& state) {
   TimeCells<CProcessCell>(state, Process(4242, "/opt/demo/demo.bin"), "C>50&&M>1000||T>10");
 }
 BENCHMARK(BM_ProcessCell);
+
+// What a window pays per sample: the parser of its condition is kept by the delivering thread,
+// so a cell costs the copy of the sample, the letters' values and one evaluation.
+void BM_ProcessCellKeptParser(benchmark::State& state) {
+  QuietLog();
+  const ProcessInfo sample = Process(4242, "/opt/demo/demo.bin");
+  const std::string condition = "C>50&&M>1000||T>10";
+  CExpress express;
+  for (auto _ : state) {
+    CProcessCell cell;
+    benchmark::DoNotOptimize(cell.ConstructCell(sample, condition, express).code);
+    benchmark::DoNotOptimize(cell.GetResult());
+  }
+}
+BENCHMARK(BM_ProcessCellKeptParser);
+
+// The anchor: muParser itself creating, parsing and evaluating the same condition over the
+// process cell's seven letters, as a cell with a parser of its own must.
+void BM_BareMuParserCreateParseEval(benchmark::State& state) {
+  double values[7] = {1, 42.5, 512, 12, 80, 300, 200};
+  const char* letters[7] = {"A", "C", "M", "T", "H", "R", "W"};
+  for (auto _ : state) {
+    muParserHandle_t parser = mupCreate(0);
+    for (int i = 0; i < 7; ++i) mupDefineVar(parser, letters[i], &values[i]);
+    mupSetExpr(parser, "C>50&&M>1000||T>10");
+    benchmark::DoNotOptimize(mupEval(parser));
+    mupRelease(parser);
+  }
+}
+BENCHMARK(BM_BareMuParserCreateParseEval);
+
+// muParser evaluating an expression it parsed already, with new values each time.
+void BM_BareMuParserEval(benchmark::State& state) {
+  double values[7] = {1, 42.5, 512, 12, 80, 300, 200};
+  const char* letters[7] = {"A", "C", "M", "T", "H", "R", "W"};
+  muParserHandle_t parser = mupCreate(0);
+  for (int i = 0; i < 7; ++i) mupDefineVar(parser, letters[i], &values[i]);
+  mupSetExpr(parser, "C>50&&M>1000||T>10");
+  for (auto _ : state) {
+    values[1] += 0.5;
+    benchmark::DoNotOptimize(mupEval(parser));
+  }
+  mupRelease(parser);
+}
+BENCHMARK(BM_BareMuParserEval);
 
 void BM_SystemCell(benchmark::State& state) {
   SystemInfo info;

@@ -36,11 +36,16 @@
                      a31, a32, ...)                                                           \
   a32
 
+// A line below the threshold costs one comparison: no pid, no arguments, no formatting.
 #define ZLOG_EMIT_ONE(level, word, msg)                                                     \
-  nuv_log_output(level, "[PID:%-5ld]\t" word "\t%-10s [%s(%d)] " msg, (long)getpid(),      \
-                 ZLOG_TAG, __FILE__, __LINE__)
+  ((level) > nuv_log_get_level()                                                           \
+       ? (void)0                                                                            \
+       : nuv_log_output(level, "[PID:%-5ld]\t" word "\t%-10s [%s(%d)] " msg,               \
+                        (long)getpid(), ZLOG_TAG, __FILE__, __LINE__))
 #define ZLOG_EMIT_MANY(level, word, msg, ...)                                               \
-  nuv_log_output(level, "[PID:%-5ld]\t" word "\t%-10s [%s(%d)] " msg, (long)getpid(),      \
-                 ZLOG_TAG, __FILE__, __LINE__, __VA_ARGS__)
+  ((level) > nuv_log_get_level()                                                           \
+       ? (void)0                                                                            \
+       : nuv_log_output(level, "[PID:%-5ld]\t" word "\t%-10s [%s(%d)] " msg,               \
+                        (long)getpid(), ZLOG_TAG, __FILE__, __LINE__, __VA_ARGS__))
 
 #endif

@@ -108,8 +108,13 @@ void CCell::Render(const CMonitorData& monitor, json_t* body, std::string& out) 
 void CCell::GetString(const CMonitorData& /*monitor*/, std::string& out) { out.clear(); }
 
 CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& condition) {
-  info_ = info;
   CExpress express;
+  return ConstructCell(info, condition, express);
+}
+
+CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& condition,
+                                   CExpress& express) {
+  info_ = info;
   express.SetAllValue(true);
   express.SetCpuValue(info_.cpu);
   express.SetHandleValue(info_.handles);
@@ -135,10 +140,15 @@ void CProcessCell::GetString(const CMonitorData& monitor, std::string& out) {
 }
 
 CError CSystemCell::ConstructCell(const SystemInfo& info, const std::string& condition) {
+  CExpress express;
+  return ConstructCell(info, condition, express);
+}
+
+CError CSystemCell::ConstructCell(const SystemInfo& info, const std::string& condition,
+                                  CExpress& express) {
   info_ = info;
   const uint64_t total = info_.memtotal;
   const uint64_t available = info_.memavai;
-  CExpress express;
   express.SetAllValue(true);
   express.SetCpuValue(info_.cpu);
   express.SetMemoryValue(static_cast<uint32_t>(total) - static_cast<uint32_t>(available));
@@ -171,8 +181,13 @@ void CSystemCell::GetString(const CMonitorData& monitor, std::string& out) {
 
 CError CAllProcessCell::ConstructCell(const std::vector<ProcessInfo>& infos,
                                       const std::string& condition) {
-  infos_ = infos;
   CExpress express;
+  return ConstructCell(infos, condition, express);
+}
+
+CError CAllProcessCell::ConstructCell(const std::vector<ProcessInfo>& infos,
+                                      const std::string& condition, CExpress& express) {
+  infos_ = infos;
   express.SetAllValue(true);
   return Evaluate(express, condition);
 }

@@ -40,9 +40,12 @@ class CCell {
   bool hit_ = false;
 };
 
+// Each kind evaluates its condition with a parser of its own, or with one that `express` keeps
+// across samples (the same kind and condition every time: its letters are defined once).
 class CProcessCell : public CCell {
  public:
   CError ConstructCell(const ProcessInfo& info, const std::string& condition);
+  CError ConstructCell(const ProcessInfo& info, const std::string& condition, CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
   std::string GetName() const override { return info_.image; }
@@ -55,6 +58,7 @@ class CProcessCell : public CCell {
 class CSystemCell : public CCell {
  public:
   CError ConstructCell(const SystemInfo& info, const std::string& condition);
+  CError ConstructCell(const SystemInfo& info, const std::string& condition, CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
   std::string GetName() const override { return "system"; }
@@ -68,6 +72,8 @@ class CSystemCell : public CCell {
 class CAllProcessCell : public CCell {
  public:
   CError ConstructCell(const std::vector<ProcessInfo>& infos, const std::string& condition);
+  CError ConstructCell(const std::vector<ProcessInfo>& infos, const std::string& condition,
+                       CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
   std::string GetName() const override { return "processpoint"; }

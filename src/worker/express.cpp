@@ -8,6 +8,14 @@
 namespace {
 // mupCreate's floating-point parser.
 constexpr int kFloatParser = 0;
+constexpr char kLetters[] = "ACMTHRW";
+
+int Slot(char letter) {
+  for (int i = 0; kLetters[i] != '\0'; ++i) {
+    if (kLetters[i] == letter) return i;
+  }
+  return -1;
+}
 }  // namespace
 
 CExpress::CExpress() {
@@ -39,22 +47,34 @@ int CExpress::SetValue(const std::string& name) {
   return 0;
 }
 
-void CExpress::Store(const std::string& name, double value) {
+void CExpress::Store(char letter, double value) {
+  double*& slot = defined_[Slot(letter)];
+  if (slot != nullptr) {
+    *slot = value;  // defining again would make the parser parse again
+    return;
+  }
+  const std::string name(1, letter);
   variables_[name] = value;
   SetValue(name);
+  if (!observer_ && parser_ != nullptr) {
+    slot = &variables_[name];
+  }
 }
 
-void CExpress::SetAllValue(bool value) { Store("A", value ? 1.0 : 0.0); }
-void CExpress::SetCpuValue(float value) { Store("C", static_cast<double>(value)); }
-void CExpress::SetMemoryValue(unsigned int value) { Store("M", value); }
-void CExpress::SetThreadValue(unsigned int value) { Store("T", value); }
-void CExpress::SetHandleValue(unsigned int value) { Store("H", value); }
-void CExpress::SetRIoValue(unsigned int value) { Store("R", value); }
-void CExpress::SetWIoValue(unsigned int value) { Store("W", value); }
+void CExpress::SetAllValue(bool value) { Store('A', value ? 1.0 : 0.0); }
+void CExpress::SetCpuValue(float value) { Store('C', static_cast<double>(value)); }
+void CExpress::SetMemoryValue(unsigned int value) { Store('M', value); }
+void CExpress::SetThreadValue(unsigned int value) { Store('T', value); }
+void CExpress::SetHandleValue(unsigned int value) { Store('H', value); }
+void CExpress::SetRIoValue(unsigned int value) { Store('R', value); }
+void CExpress::SetWIoValue(unsigned int value) { Store('W', value); }
 
 void CExpress::SetExpress(const std::string& text) {
   if (parser_ == nullptr) {
     return;
+  }
+  if (!expression_.empty() && text == expression_) {
+    return;  // parsed already; the parser keeps its bytecode
   }
   expression_ = text;
   observer_ = text.find('A') != std::string::npos;

@@ -9,9 +9,13 @@
 
 // One parser over the one-letter variables of a condition:
 //   A always (1), C processor usage, M memory, T threads, H handles, R read rate, W write rate.
-// Used by one thread from construction to destruction; the parser handle is never shared.
+// Used by one thread at a time; the parser handle is never shared.
 // Calling order: SetAllValue(true); the value setters; SetExpress; EvalExpress. A letter that
 // was not set is an undefined variable and fails evaluation.
+//
+// One object may serve sample after sample: a letter is defined to the parser once and later
+// values are written in place, and the same expression is parsed once, so evaluating the next
+// sample costs only the evaluation.
 class CExpress {
  public:
   CExpress();
@@ -41,13 +45,15 @@ class CExpress {
   CError EvalExpress(bool& hit);
 
  private:
-  void Store(const std::string& name, double value);
+  void Store(char letter, double value);
 
   bool observer_ = false;
   void* parser_ = nullptr;
   std::string expression_;
   // The parser keeps the address of each value: map nodes never move.
   std::map<std::string, double> variables_;
+  // Each letter's value once defined (A, C, M, T, H, R, W), so setting it again is a store.
+  double* defined_[7] = {};
 };
 
 #endif

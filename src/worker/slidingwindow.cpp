@@ -1,14 +1,37 @@
 #include "worker/slidingwindow.h"
 
 #include <cmath>
+#include <map>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include "common/log.h"
 #include "common/utils.h"
+#include "worker/express.h"
 
 namespace {
 const char kConditionCharacters[] = "RWMCHTA ><=|&()/0123456789";
+// Conditions kept parsed per thread; a host has far fewer distinct ones than this.
+constexpr size_t kMaxParsedConditions = 4096;
+
+// A parser for one kind of cell and one condition, kept by the delivering thread: parsing is
+// most of a cell's cost, and a parser per worker would cost more memory than the worker.
+// Each thread has its own, so deliveries in parallel never share a parser.
+template <typename Cell>
+CExpress& ParserFor(const std::string& condition) {
+  thread_local std::map<std::string, std::unique_ptr<CExpress>> parsers;
+  auto found = parsers.find(condition);
+  if (found != parsers.end()) {
+    return *found->second;
+  }
+  if (parsers.size() >= kMaxParsedConditions) {
+    parsers.clear();
+  }
+  std::unique_ptr<CExpress>& slot = parsers[condition];
+  slot.reset(new CExpress());
+  return *slot;
+}
 }  // namespace
 
 CSlidingWindow::CSlidingWindow() { Reset(); }
@@ -151,7 +174,7 @@ CError CSlidingWindow::Insert(const Sample& sample, WindowState& state) {
     return CError::CreateError(206, "buffer malloc error  %u", 132u);
   }
   try {
-    CError result = cell->ConstructCell(sample, expression_);
+    CError result = cell->ConstructCell(sample, expression_, ParserFor<Cell>(expression_));
     if (!result.IsSuccess()) {
       ZLOG_ERROR("[CSlidingWindow]::ConstructCell faild. condition = %s.", expression_.c_str());
       delete cell;
