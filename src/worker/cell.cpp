@@ -44,9 +44,33 @@ void FillHeader(json_t* header, const CMonitorData& monitor) {
   SetString(header, "agent_id", monitor.agent_id);
 }
 
+ProcessFigures FiguresOf(const ProcessInfo& info) {
+  ProcessFigures f;
+  f.pid = info.pid, f.parentid = info.parentid, f.cpu = info.cpu, f.cputime = info.cputime;
+  f.usertime = info.usertime, f.kerneltime = info.kerneltime, f.totaltime = info.totaltime;
+  f.memory = info.memory, f.memorycommit = info.memorycommit, f.createtime = info.createtime;
+  f.iorspeed = info.iorspeed, f.iowspeed = info.iowspeed, f.readbytes = info.readbytes;
+  f.writebytes = info.writebytes, f.threads = info.threads, f.handles = info.handles;
+  return f;
+}
+
+// The texts of `info`, shared with the cell this thread made last when they are the same: the
+// cells of one sample are made one after another for every worker of its process.
+std::shared_ptr<const ProcessText> TextOf(const ProcessInfo& info) {
+  thread_local std::shared_ptr<const ProcessText> last;
+  if (last == nullptr || last->path != info.path || last->image != info.image ||
+      last->commandline != info.commandline) {
+    last = std::make_shared<const ProcessText>(
+        ProcessText{info.image, info.path, info.commandline});
+  }
+  return last;
+}
+
 // The members shared by the process form and the all-process form, after the two memory
 // figures whose order differs between them.
-void FillProcessTail(json_t* body, const ProcessInfo& info) {
+template <typename Figures>
+void FillProcessTail(json_t* body, const Figures& info, const std::string& image,
+                     const std::string& path, const std::string& commandline) {
   SetInteger(body, "threads", U32(info.threads));
   SetInteger(body, "handles", U32(info.handles));
   SetInteger(body, "pid", U32(info.pid));
@@ -55,12 +79,13 @@ void FillProcessTail(json_t* body, const ProcessInfo& info) {
   SetInteger(body, "createtime", U32(info.createtime));
   SetInteger(body, "readbytes", U64(info.readbytes));
   SetInteger(body, "writebytes", U64(info.writebytes));
-  SetString(body, "commandline", info.commandline);
-  SetString(body, "image", info.image);
-  SetString(body, "path", info.path);
+  SetString(body, "commandline", commandline);
+  SetString(body, "image", image);
+  SetString(body, "path", path);
 }
 
-void FillTimes(json_t* body, const ProcessInfo& info) {
+template <typename Figures>
+void FillTimes(json_t* body, const Figures& info) {
   SetReal(body, "cpu", static_cast<double>(info.cpu));
   SetInteger(body, "usertime", U64(info.usertime));
   SetInteger(body, "kerneltime", U64(info.kerneltime));
@@ -114,27 +139,28 @@ CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& c
 
 CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& condition,
                                    CExpress& express) {
-  info_ = info;
+  figures_ = FiguresOf(info);
+  text_ = TextOf(info);
   express.SetAllValue(true);
-  express.SetCpuValue(info_.cpu);
-  express.SetHandleValue(info_.handles);
-  express.SetThreadValue(info_.threads);
-  express.SetMemoryValue(static_cast<uint32_t>(info_.memory));
-  express.SetWIoValue(info_.iowspeed);
-  express.SetRIoValue(info_.iorspeed);
+  express.SetCpuValue(figures_.cpu);
+  express.SetHandleValue(figures_.handles);
+  express.SetThreadValue(figures_.threads);
+  express.SetMemoryValue(static_cast<uint32_t>(figures_.memory));
+  express.SetWIoValue(figures_.iowspeed);
+  express.SetRIoValue(figures_.iorspeed);
   return Evaluate(express, condition);
 }
 
 void CProcessCell::GetString(const CMonitorData& monitor, std::string& out) {
   json_t* body = json_object();
   if (body != nullptr) {
-    FillTimes(body, info_);
-    SetInteger(body, "memorycommit", U64(info_.memorycommit));
-    SetInteger(body, "memory", U64(info_.memory));
-    SetInteger(body, "iorspeed", U32(info_.iorspeed));
-    SetInteger(body, "iowspeed", U32(info_.iowspeed));
+    FillTimes(body, figures_);
+    SetInteger(body, "memorycommit", U64(figures_.memorycommit));
+    SetInteger(body, "memory", U64(figures_.memory));
+    SetInteger(body, "iorspeed", U32(figures_.iorspeed));
+    SetInteger(body, "iowspeed", U32(figures_.iowspeed));
     json_object_set_new(body, "hit", json_boolean(hit_));
-    FillProcessTail(body, info_);
+    FillProcessTail(body, figures_, text_->image, text_->path, text_->commandline);
   }
   Render(monitor, body, out);
 }
@@ -205,7 +231,7 @@ void CAllProcessCell::GetString(const CMonitorData& monitor, std::string& out) {
       SetInteger(item, "memorycommit", U64(info.memorycommit));
       SetInteger(item, "iorspeed", U32(info.iorspeed));
       SetInteger(item, "iowspeed", U32(info.iowspeed));
-      FillProcessTail(item, info);
+      FillProcessTail(item, info, info.image, info.path, info.commandline);
       json_array_append_new(body, item);
     }
   }

@@ -6,6 +6,7 @@
 #include <jansson.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,34 @@ class CCell {
   bool hit_ = false;
 };
 
+// The texts of a process sample. A host with a hundred monitors on one process makes a hundred
+// cells of each of its samples; they share one copy of the texts.
+struct ProcessText {
+  std::string image;
+  std::string path;
+  std::string commandline;
+};
+
+// The figures of a process sample, kept by value.
+struct ProcessFigures {
+  uint32_t pid = 0;
+  uint32_t parentid = 0;
+  float cpu = 0.0f;
+  uint64_t cputime = 0;
+  uint64_t usertime = 0;
+  uint64_t kerneltime = 0;
+  uint64_t totaltime = 0;
+  uint64_t memory = 0;
+  uint64_t memorycommit = 0;
+  uint32_t createtime = 0;
+  uint32_t iorspeed = 0;
+  uint32_t iowspeed = 0;
+  uint64_t readbytes = 0;
+  uint64_t writebytes = 0;
+  uint32_t threads = 0;
+  uint32_t handles = 0;
+};
+
 // Each kind evaluates its condition with a parser of its own, or with one that `express` keeps
 // across samples (the same kind and condition every time: its letters are defined once).
 class CProcessCell : public CCell {
@@ -48,11 +77,12 @@ class CProcessCell : public CCell {
   CError ConstructCell(const ProcessInfo& info, const std::string& condition, CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
-  std::string GetName() const override { return info_.image; }
-  uint32_t GetPid() const override { return info_.pid; }
+  std::string GetName() const override { return text_->image; }
+  uint32_t GetPid() const override { return figures_.pid; }
 
  private:
-  ProcessInfo info_;
+  ProcessFigures figures_;
+  std::shared_ptr<const ProcessText> text_;
 };
 
 class CSystemCell : public CCell {
