@@ -82,6 +82,9 @@ class DaemonTree {
   bool StartServing();
   int Wait();  // the started daemon's exit status; -1 when none was started
   int Stop();  // SIGTERM, then Wait()
+  int pid() const { return pid_; }
+  // Sets "NAME=value" in the environment of later starts; "NAME" alone removes NAME.
+  void SetEnv(const std::string& entry);
   std::string DaemonOut() const { return ReadFile(dir_.Sub("daemon.out")); }
   std::string DaemonErr() const { return ReadFile(dir_.Sub("daemon.err")); }
   RunResult Nuvctl(std::vector<std::string> args, const std::string& input = "") const;
