@@ -51,9 +51,31 @@ TEST(RegisterEndToEnd, RegisteredMonitorFiresIntoTheStoreUntilUnregistered) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  // The daemon's own account: where each monitor came from, its target, that it fired and why.
+  const nuvtest::RunResult fired = tree.Nuvctl({"monitors", "--json"});
+  EXPECT_EQ(fired.code, 0) << fired.err;
+  EXPECT_NE(fired.out.find(R"({"id":"e2e-sys","kind":"exact","source":"bus","focus":"system:0",)"
+                           R"("condition":"C>=0/2","handler":"maintenance:reciver",)"
+                           R"("dependent_id":"","pending":false,"targets":[{"image":"system",)"
+                           R"("pid":0}],"fired":)"),
+            std::string::npos)
+      << fired.out;
+  EXPECT_EQ(fired.out.find(R"("id":"e2e-sys","kind":"exact","source":"bus","focus":"system:0",)"
+                           R"("condition":"C>=0/2","handler":"maintenance:reciver",)"
+                           R"("dependent_id":"","pending":false,"targets":[{"image":"system",)"
+                           R"("pid":0}],"fired":0)"),
+            std::string::npos)
+      << fired.out;
+  EXPECT_NE(fired.out.find(R"("evidence":"{\"header\": {\"id\": \"e2e-sys\")"), std::string::npos)
+      << fired.out;
+  EXPECT_NE(fired.out.find(R"({"id":"system-cpu","kind":"exact","source":"config")"),
+            std::string::npos);
   const nuvtest::RunResult unregistered = tree.Nuvctl({"unregister", "e2e-sys"});
   EXPECT_EQ(unregistered.code, 0) << unregistered.err;
   EXPECT_EQ(unregistered.out, "0x00000000 (success)\n");
+  const nuvtest::RunResult gone = tree.Nuvctl({"monitors"});
+  EXPECT_EQ(gone.code, 0) << gone.err;
+  EXPECT_NE(gone.out.find("e2e-sys     gone  "), std::string::npos) << gone.out;
   EXPECT_EQ(tree.Stop(), 0) << tree.DaemonErr();
 
   const nuvtest::RunResult stored = tree.Nuvctl({"store", "cat", "system", "0", "100"});
