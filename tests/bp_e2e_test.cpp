@@ -1,8 +1,10 @@
 // Burying points from other processes into the running daemon's store: posted over the bus by this
 // test process and by nuvctl, read back from the store as an operator would.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -81,6 +83,24 @@ TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   EXPECT_EQ(
       tree_.Count("[bpmgr] check bp data failed with error:102-BP header/type:1.00 is not support"),
       1);
+}
+
+// A reader started before the stream exists sees a record posted afterwards, as soon as it is
+// indexed, without the daemon stopping.
+TEST_F(BpEndToEnd, FollowSeesARecordPostedAfterItStarted) {
+  const std::string out = tree_.Sub("follow.out");
+  const int follower =
+      nuvtest::Spawn({tree_.Sub("bin/nuvctl"), "store", "cat", "followagent", "0", "256", "-f"},
+                     {}, "", out, tree_.Sub("follow.err"));
+  ASSERT_GT(follower, 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::string point = Point("/usr/bin/followagent:1");
+  ASSERT_EQ(Post(point), 0);
+  for (int i = 0; i < 100 && nuvtest::ReadFile(out).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(nuvtest::ReadFile(out), point + "\n") << nuvtest::ReadFile(tree_.Sub("follow.err"));
+  ::kill(follower, SIGTERM);
+  EXPECT_EQ(nuvtest::WaitExit(follower), 128 + SIGTERM);
 }
 
 TEST_F(BpEndToEnd, ConcurrentPostersLoseNothing) {
