@@ -71,9 +71,23 @@ TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   EXPECT_EQ(posted.out, "0x00000000 (success)\n");
   std::string unsupported = Point("/bin/e2eagent:1");
   unsupported.replace(unsupported.find("\"1.0\""), 5, "\"1.00\"");
-  const nuvtest::RunResult refused = tree_.Nuvctl({"post", kTopic, "-"}, unsupported);
+  const nuvtest::RunResult refused = tree_.Nuvctl({"post", "--no-check", kTopic, "-"}, unsupported);
   EXPECT_EQ(refused.code, 1);
   EXPECT_EQ(refused.out, "0x84CE0004 (burying point invalid)\n");
+  // Checked here first, the reason is the client's to print and nothing is posted.
+  const struct {
+    std::string body, err;
+  } local[] = {
+      {unsupported, "nuvctl post: not posted: burying point refused: BP header/type:1.00 is not support\n"},
+      {"{\"header\":\n {\"type\": 1,,}}",
+       "nuvctl post: not posted: not JSON: line 2, column 13: string or '}' expected near ','\n"},
+  };
+  for (const auto& l : local) {
+    const nuvtest::RunResult r = tree_.Nuvctl({"post", kTopic}, l.body);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, l.err);
+  }
 
   const nuvtest::RunResult stored = StopAndCat("e2eagent");
   EXPECT_EQ(stored.code, 0);

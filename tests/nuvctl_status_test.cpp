@@ -42,6 +42,11 @@ TEST(NuvctlStatus, UpDownAndWrongDirectory) {
             std::string::npos)
       << down.err;
 
+  const nuvtest::RunResult post = tree.Nuvctl({"bp", "--type", "512", "--focus", "/usr/bin/a:1"});
+  EXPECT_EQ(post.code, 1);
+  EXPECT_EQ(post.err, "nuvctl bp: maintenance:POST: bus directory " + comm +
+                          " (NUV_COMM_DIR): exists, no sockets in it\n");
+
   tree.SetEnv("NUV_COMM_DIR=" + tree.Sub("elsewhere"));
   const nuvtest::RunResult wrong = tree.Nuvctl({"status", "--json"});
   EXPECT_EQ(wrong.code, 1);

@@ -34,7 +34,7 @@ TEST(RegisterEndToEnd, RegisteredMonitorFiresIntoTheStoreUntilUnregistered) {
       // Its worker runs already: the daemon refuses to make another.
       {system, 1, "0x84CE0001 (refused, or a process could not be started)\n"},
       {{"register", "--id", "bad", "--focus", "no-colon", "--condition", "C>1/60", "--handler",
-        "maintenance:reciver"},
+        "maintenance:reciver", "--no-check"},
        1,
        "0x84CE0002 (invalid parameters or data)\n"},
   };
@@ -42,6 +42,29 @@ TEST(RegisterEndToEnd, RegisteredMonitorFiresIntoTheStoreUntilUnregistered) {
     const nuvtest::RunResult result = tree.Nuvctl(r.args);
     EXPECT_EQ(result.code, r.code) << result.err;
     EXPECT_EQ(result.out, r.out);
+  }
+
+  // Refused here, with the library's reasons, before anything is posted.
+  const struct {
+    std::string focus, condition, reason;
+  } refusals[] = {
+      {"no-colon", "C>1/60",
+       "not posted: definition refused:\n  [CMonitorData]::CheckFocus focus invalid, not find `:`, "
+       "id = local.\n"},
+      // What an unquoted C>90 leaves after the shell took ">90" as a redirection.
+      {"system:0", "C",
+       "not posted: condition 'C' refused:\n  [CSlidingWindow]::check condition split failed. "
+       "condition = C.\n  a condition is VALUE/SECONDS"},
+      {"system:0", "C>>90/60",
+       "\n  [Express]::Exception token = >.\n  [Express]::Exception position = 2.\n"},
+  };
+  for (const auto& r : refusals) {
+    const nuvtest::RunResult result = tree.Nuvctl({"register", "--id", "local", "--focus", r.focus,
+                                                   "--condition", r.condition, "--handler",
+                                                   "maintenance:reciver"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find(r.reason), std::string::npos) << result.err;
   }
 
   // The window holds two samples; once both were evaluated, the record was posted on the same

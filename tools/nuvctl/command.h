@@ -50,13 +50,12 @@ int ParseCommandLine(const char* command, const char* usage, int argc, char** ar
                      std::map<std::string, std::string>& values,
                      std::vector<std::string>& operands);
 
-// Reads "--name value" and "--name=value" options into `values`, whose keys are the options
-// the command knows (their values are the defaults), and marks each one given in `given`.
-// "--echo" sets *echo. "--help" prints `usage`. Returns -1 when the command should go on,
-// else the exit code to return (0 after --help, kExitUsage after an error it printed).
+// ParseCommandLine for commands of valued options and flags and no operands: `values` holds
+// the valued options known (as "--name", their values the defaults) and gets the values given,
+// marked in `given`; `flags` holds the flags known, each set true when given.
 int ParseOptions(const char* command, const char* usage, int argc, char** argv,
                  std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
-                 bool* echo);
+                 std::map<std::string, bool>& flags);
 
 }  // namespace nuvctl
 

@@ -68,18 +68,18 @@ int ParseCommandLine(const char* command, const char* usage, int argc, char** ar
 
 int ParseOptions(const char* command, const char* usage, int argc, char** argv,
                  std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
-                 bool* echo) {
+                 std::map<std::string, bool>& flags) {
   std::vector<OptionSpec> specs;
   for (const auto& value : values) specs.push_back({value.first.c_str() + 2, 0, true});
-  specs.push_back({"echo", 0, false});
+  for (const auto& flag : flags) specs.push_back({flag.first.c_str() + 2, 0, false});
   std::map<std::string, std::string> parsed;
   std::vector<std::string> operands;
   const int rc = ParseCommandLine(command, usage, argc, argv, specs, parsed, operands);
   if (rc != -1) return rc;
   if (!operands.empty()) return UsageError(command, "unexpected argument '" + operands[0] + "'");
   for (const auto& option : parsed) {
-    if (option.first == "--echo") {
-      *echo = true;
+    if (flags.count(option.first) != 0) {
+      flags[option.first] = true;
       continue;
     }
     values[option.first] = option.second;
