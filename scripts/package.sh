@@ -14,5 +14,5 @@ scripts/setup.sh
 cmake --preset default -DNUV_WERROR=ON >/dev/null
 cmake --build --preset default -j"$(nproc)" >/dev/null
 rm -f build/nuv-maintenance_*.deb
-(cd build && cpack -G DEB >/dev/null)
+(cd build && cpack -G DEB >cpack.log 2>&1) || { cat build/cpack.log >&2; exit 1; }
 ls build/nuv-maintenance_*.deb

@@ -122,6 +122,13 @@ posted=$(printf '%s\n' "$point" | head -n 1)
 stored=$(check "nuvctl store cat failed" nuvctl store cat pkgagent 0 512)
 [ "$stored" = "$posted" ] || die "store cat read '$stored', posted '$posted'"
 day=$(date '+%Y%m%d')
+json=$(check "nuvctl store cat --json failed" nuvctl store cat pkgagent 0 512 --json)
+case $json in "{\"day\":\"$day\",\"name\":\"pkgagent\",\"pid\":0,\"type\":512,\"n\":1,\"offset\":0,"*) ;;
+  *) die "store cat --json printed: $json" ;; esac
+status=$(check "nuvctl status failed" env NUV_COMM_DIR=/run/nuv-comm nuvctl status)
+grep -q "^daemon: *running, pid $daemon," <<<"$status" || die "status said: $status"
+check "nuvctl monitors failed" env NUV_COMM_DIR=/run/nuv-comm nuvctl monitors | grep -q '^system-cpu  *exact  *config' ||
+  die "monitors does not list the configured monitor"
 check "the record is not under /var/lib" test -s "/var/lib/nuv-maintenance/$day/pkgagent/pkgagent-0-512" >/dev/null
 
 kill -TERM "$daemon"
