@@ -8,7 +8,7 @@ packages=(
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev
   tar gzip procps socat
-  dpkg-dev fakeroot
+  dpkg-dev
   debootstrap
 )
 

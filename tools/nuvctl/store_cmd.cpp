@@ -53,7 +53,7 @@ const char kUsage[] =
     "      archives older than the configured days are deleted; --dry-run only lists that\n"
     "\n"
     "reading options:\n"
-    "  --since WHEN, --until WHEN\n"
+    "  -S, --since WHEN, -U, --until WHEN\n"
     "                 YYYYMMDD or YYYY-MM-DD, optionally with ' HH:MM[:SS]' or 'THH:MM[:SS]';\n"
     "                 or today, yesterday, now. Inclusive; a day alone in --until takes the\n"
     "                 whole day. A record's time is its header/time; one without is placed\n"
