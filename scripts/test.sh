@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up the machine, builds the project and runs the whole test suite: natively, under the
-# address/undefined and thread sanitizers, then the 32-bit x86 build in an i386 chroot.
+# address/undefined and thread sanitizers, then the 32-bit x86 build in an i386 chroot; the
+# Debian package is installed into a fresh bookworm root and tried there.
 # Warnings are errors here. --quick runs only the native suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -10,7 +11,7 @@ case "${1:-}" in
   --quick) quick=1 ;;
   -h|--help)
     echo "usage: scripts/test.sh [--quick]"
-    echo "  Builds and runs every test: native, asan, tsan, then i386 (in a chroot)."
+    echo "  Builds and runs every test: native, the package, asan, tsan, then i386 (in a chroot)."
     echo "  --quick  native suite only"
     exit 0 ;;
   "") ;;
@@ -31,6 +32,10 @@ suite() {
 
 suite default
 [ "$quick" -eq 1 ] && exit 0
+echo "== package: build it, install it into a fresh Debian root, use it"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+$sudo scripts/package_test.sh
 suite asan
 suite tsan
 echo "== i386: build and test in the chroot"

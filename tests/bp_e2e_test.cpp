@@ -10,8 +10,8 @@
 #include <chrono>
 #include <ctime>
 #include <filesystem>
-#include <set>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -77,9 +77,23 @@ TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   EXPECT_EQ(posted.out, "0x00000000 (success)\n");
   std::string unsupported = Point("/bin/e2eagent:1");
   unsupported.replace(unsupported.find("\"1.0\""), 5, "\"1.00\"");
-  const nuvtest::RunResult refused = tree_.Nuvctl({"post", kTopic, "-"}, unsupported);
+  const nuvtest::RunResult refused = tree_.Nuvctl({"post", "--no-check", kTopic, "-"}, unsupported);
   EXPECT_EQ(refused.code, 1);
   EXPECT_EQ(refused.out, "0x84CE0004 (burying point invalid)\n");
+  // Checked here first, the reason is the client's to print and nothing is posted.
+  const struct {
+    std::string body, err;
+  } local[] = {
+      {unsupported, "nuvctl post: not posted: burying point refused: BP header/type:1.00 is not support\n"},
+      {"{\"header\":\n {\"type\": 1,,}}",
+       "nuvctl post: not posted: not JSON: line 2, column 13: string or '}' expected near ','\n"},
+  };
+  for (const auto& l : local) {
+    const nuvtest::RunResult r = tree_.Nuvctl({"post", kTopic}, l.body);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, l.err);
+  }
 
   const nuvtest::RunResult stored = StopAndCat("e2eagent");
   EXPECT_EQ(stored.code, 0);
@@ -89,6 +103,24 @@ TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   EXPECT_EQ(
       tree_.Count("[bpmgr] check bp data failed with error:102-BP header/type:1.00 is not support"),
       1);
+}
+
+// A reader started before the stream exists sees a record posted afterwards, as soon as it is
+// indexed, without the daemon stopping.
+TEST_F(BpEndToEnd, FollowSeesARecordPostedAfterItStarted) {
+  const std::string out = tree_.Sub("follow.out");
+  const int follower =
+      nuvtest::Spawn({tree_.Sub("bin/nuvctl"), "store", "cat", "followagent", "0", "256", "-f"},
+                     {}, "", out, tree_.Sub("follow.err"));
+  ASSERT_GT(follower, 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const std::string point = Point("/usr/bin/followagent:1");
+  ASSERT_EQ(Post(point), 0);
+  for (int i = 0; i < 100 && nuvtest::ReadFile(out).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(nuvtest::ReadFile(out), point + "\n") << nuvtest::ReadFile(tree_.Sub("follow.err"));
+  ::kill(follower, SIGTERM);
+  EXPECT_EQ(nuvtest::WaitExit(follower), 128 + SIGTERM);
 }
 
 TEST_F(BpEndToEnd, ConcurrentPostersLoseNothing) {
@@ -250,7 +282,7 @@ TEST(BpEndToEndMidnight, NamesWithDashesCrossMidnightAndAreListed) {
   struct tm local {};
   localtime_r(&now, &local);
   const long untilMidnight = 86400 - (local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec);
-  tree.AddEnv("NUV_TIME_OFFSET=" + std::to_string(untilMidnight - 2));
+  tree.SetEnv("NUV_TIME_OFFSET=" + std::to_string(untilMidnight - 2));
   setenv("NUV_COMM_DIR", tree.Sub("comm").c_str(), 1);
   ASSERT_EQ(nuv_comm_init(), 0);
   ASSERT_TRUE(tree.StartServing()) << tree.DaemonErr();

@@ -192,7 +192,81 @@ TEST_F(NuvctlStore, VerifyListsEveryBrokenPair) {
                 "3 of 5 pairs bad\n");
 }
 
+// Records placed by their header time across days, selected by bounds that fall exactly on
+// records, then read the same way after their day was packed into an archive.
+TEST_F(NuvctlStore, QueryByTimeFiltersAndArchivedDays) {
+  const auto point = [](const std::string& id, const std::string& time) {
+    return R"({"header": {"id": ")" + id + R"(", "time": ")" + time + R"("}})";
+  };
+  const std::string late9 = point("m1", "2024/03/09 23:59:59");
+  const std::string at8 = point("m1", "2024/03/10 08:00:00");
+  const std::string at930 = point("M2", "2024-03-10T09:30:00");
+  WriteStream(store_, "20240309", "timed", 1, 512, {late9});
+  WriteStream(store_, "20240310", "timed", 2, 512, {at8, at930});
+  const auto lines = [](const std::vector<std::string>& records) {
+    std::string out;
+    for (const std::string& r : records) out += r + "\n";
+    return out;
+  };
+  const struct {
+    std::vector<std::string> args;
+    std::string out;
+  } cases[] = {
+      {{"--since", "2024-03-10 09:30"}, lines({at930})},
+      {{"--until", "20240309"}, lines({late9})},
+      {{"--since", "20240309 23:59:59", "--until", "2024-03-10T08:00"}, lines({late9, at8})},
+      {{"--since", "20240309T23:59:58", "--until", "20240310 07:59:59"}, lines({late9})},
+      {{"--monitor", "m2"}, lines({at930})},
+      {{"-n", "2"}, lines({at8, at930})},
+      {{"--pid", "1"}, lines({late9})},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = {"query", "--name", "timed"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const nuvtest::RunResult result = Store(args);
+    EXPECT_EQ(result.code, 0) << result.err;
+    std::string expected;
+    for (size_t at = 0, end; (end = c.out.find('\n', at)) != std::string::npos; at = end + 1) {
+      const std::string record = c.out.substr(at, end - at);
+      const bool ninth = record == late9;
+      expected += std::string(ninth ? "20240309 timed 1" : "20240310 timed 2") + " 512 " + record + "\n";
+    }
+    EXPECT_EQ(result.out, expected) << c.args[0];
+  }
+  const nuvtest::RunResult bad = Store({"query", "--since", "2024-13-01"});
+  EXPECT_EQ(bad.code, 2);
+  EXPECT_NE(bad.err.find("--since takes YYYYMMDD"), std::string::npos) << bad.err;
+
+  const std::string json =
+      R"({"day":"20240310","name":"timed","pid":2,"type":512,"n":2,"offset":)" +
+      std::to_string(at8.size()) + R"(,"length":)" + std::to_string(at930.size()) +
+      R"(,"time":"20240310 09:30:00","archived":false,"record":"{\"header\": {\"id\": \"M2\", )"
+      R"(\"time\": \"2024-03-10T09:30:00\"}}"})" + "\n";
+  EXPECT_EQ(Store({"cat", "timed", "2", "512", "--json", "-n1"}).out, json);
+
+  // Packed, the ninth is read from 20240309.tgz byte for byte.
+  ASSERT_EQ(Store({"clean"}).code, 0);
+  ASSERT_FALSE(Exists(store_ + "/20240309"));
+  EXPECT_EQ(Store({"cat", "web", "8", "256", "--day", "20240309"}).out, "w1\nw2\n");
+  const nuvtest::RunResult archived = Store({"cat", "timed", "1", "512", "--since", "yesterday",
+                                             "--until", "yesterday", "--json"});
+  EXPECT_EQ(archived.code, 0) << archived.err;
+  EXPECT_EQ(archived.out,
+            R"({"day":"20240309","name":"timed","pid":1,"type":512,"n":1,"offset":0,"length":)" +
+                std::to_string(late9.size()) +
+                R"(,"time":"20240309 23:59:59","archived":true,"record":"{\"header\": {\"id\": )"
+                R"(\"m1\", \"time\": \"2024/03/09 23:59:59\"}}"})" "\n");
+}
+
 TEST_F(NuvctlStore, CleanPacksYesterdayAndRemovesExpiredDays) {
+  const nuvtest::RunResult dry = Store({"clean", "--dry-run"});
+  EXPECT_EQ(dry.code, 0) << dry.err;
+  EXPECT_EQ(dry.out, "would delete " + store_ + "/20240301 (type 512 keeps 7 days)\nwould pack " +
+                         store_ + "/20240309 into " + store_ + "/20240309.tgz and remove it\n")
+      << dry.out;
+  EXPECT_TRUE(Exists(store_ + "/20240301"));
+  EXPECT_FALSE(Exists(store_ + "/20240309.tgz"));
+
   const nuvtest::RunResult result = Store({"clean"});
   EXPECT_EQ(result.code, 0) << result.err;
   EXPECT_NE(result.err.find("[CClearn]:: dir compress success. dir = " + store_ + "/20240309"),

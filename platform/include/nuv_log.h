@@ -17,7 +17,13 @@ enum {
  * NUV_LOG_FILE environment variable (appended to, created 0644), else stderr. The threshold
  * comes from nuv_log_set_level() or NUV_LOG_LEVEL (0..3, default 2). `mode` is reserved, pass 0.
  * Returns 0; -1 (errno set) when the file cannot be opened, and the log then writes to stderr.
- * Calling it again while started reopens the destination. Thread-safe. */
+ * Calling it again while started reopens the destination (a log file moved away by logrotate
+ * is created anew). Thread-safe.
+ * Decorations, chosen here from the environment read once per process: while the destination
+ * is stderr and stderr is the stream named by JOURNAL_STREAM, every line starts with its
+ * journal priority ("<3>" error, "<4>" warn, "<6>" info, "<7>" debug); while it is a file and
+ * NUV_LOG_TIME is set to anything but 0, every line starts with its local ISO-8601 time and a
+ * blank ("2026-11-24T05:40:12.123+0000 "). The line's own text follows unchanged. */
 NUV_API int nuv_log_start(int mode);
 
 /* Formats `format` with printf rules and writes it, plus a line feed, with a single write(2),

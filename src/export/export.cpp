@@ -8,6 +8,7 @@
 #include "config/config_file.h"
 #include "config/config_mgr.h"
 #include "config/config_perfor.h"
+#include "export/monitor_registry.h"
 #include "manager/comm_perf_mgr.h"
 #include "nuv_atomic.h"
 #include "nuv_log.h"
@@ -44,6 +45,8 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_start_perf_manage
       if (!manager.RegisterMonitor(monitor)) {
         ZLOG_ERROR("[nuv_maintenance]::register monitor failed, monitor id = %s.",
                    monitor.id.c_str());
+      } else {
+        CSingleton<CMonitorRegistry>::GetInstance().Filed(monitor, "config");
       }
     }
   }
@@ -91,6 +94,7 @@ extern "C" __attribute__((visibility("default"))) uint32_t nuv_register_perf_mon
     ZLOG_ERROR("[nuv_maintenance]::nuv_register_perf_monitor register monitor failed.");
     return NUV_MAINT_REFUSED;
   }
+  CSingleton<CMonitorRegistry>::GetInstance().Filed(monitor, "api");
   return NUV_MAINT_OK;
 }
 
@@ -99,4 +103,5 @@ extern "C" __attribute__((visibility("default"))) void nuv_unregister_perf_monit
   if (id == nullptr) return;
   std::string monitorId = id;
   CSingleton<CommonPerfMgr>::GetInstance().UnRegisterMonitor(monitorId);
+  CSingleton<CMonitorRegistry>::GetInstance().Removed(monitorId);
 }

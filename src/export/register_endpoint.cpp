@@ -5,6 +5,8 @@
 #include "common/log.h"
 #include "common/singleton.h"
 #include "config/config_perfor.h"
+#include "export/monitor_registry.h"
+#include "export/status_endpoint.h"
 #include "manager/comm_perf_mgr.h"
 #include "worker/data.h"
 
@@ -32,10 +34,13 @@ bool CExportLPC::StartExportLPC() {
     ZLOG_ERROR("[CExportLPC]::start export lpc failed, code:%d", code);
     return false;
   }
+  // Operators' questions are an extra: monitoring runs without them.
+  CStatusEndpoint::Start();
   return true;
 }
 
 void CExportLPC::StopExportLPC() {
+  CStatusEndpoint::Stop();
   nuv_comm_unregister(kRegisterTopic);
   nuv_comm_unregister(kUnRegisterTopic);
   nuv_comm_uninit();
@@ -53,6 +58,7 @@ int CExportLPC::RegisterMonitor(comm_data* request, comm_data* reply, void* cont
     ZLOG_ERROR("[nuv_maintenance]::nuv_register_perf_monitor register monitor failed.");
     return static_cast<int>(kRefused);
   }
+  CSingleton<CMonitorRegistry>::GetInstance().Filed(monitor, "bus");
   return static_cast<int>(kDone);
 }
 
@@ -64,5 +70,6 @@ int CExportLPC::UnRegisterMonitor(comm_data* request, comm_data* reply, void* co
   std::string id;
   if (!CPerforMonitorCfg::ParseUnRegisterJson(body, id)) return static_cast<int>(kInvalid);
   CSingleton<CommonPerfMgr>::GetInstance().UnRegisterMonitor(id);
+  CSingleton<CMonitorRegistry>::GetInstance().Removed(id);
   return static_cast<int>(kDone);
 }

@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "common/singleton.h"
+#include "export/monitor_registry.h"
 #include "file/fileclassify.h"
 #include "file/filemanager.h"
 #include "handler/logdata.h"
@@ -67,6 +68,10 @@ int CPerformanceHandler::MaintanceReceiver(comm_data* request, comm_data* /*repl
     ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver name is not a store name. name = %s",
                record.GetName().c_str());
     return kResultInvalidParameter;
+  }
+  if (!record.GetID().empty()) {
+    CSingleton<CMonitorRegistry>::GetInstance().Fired(record.GetID(), record.GetName(),
+                                                      record.GetPid(), record.GetContext());
   }
   CFileClassify classify;
   if (!classify.InitFileClassify(record.GetName(), record.GetPid(), record.GetType())) {

@@ -197,6 +197,14 @@ int DaemonTree::Stop() {
   return Wait();
 }
 
+void DaemonTree::SetEnv(const std::string& entry) {
+  const std::string name = entry.substr(0, entry.find('='));
+  env_.erase(std::remove_if(env_.begin(), env_.end(),
+                            [&name](const std::string& e) { return e.rfind(name + "=", 0) == 0; }),
+             env_.end());
+  if (entry.find('=') != std::string::npos) env_.push_back(entry);
+}
+
 RunResult DaemonTree::Nuvctl(std::vector<std::string> args, const std::string& input) const {
   args.insert(args.begin(), dir_.Sub("bin/nuvctl"));
   return Run(args, env_, dir_, input);

@@ -74,9 +74,6 @@ class DaemonTree {
   DaemonTree& operator=(const DaemonTree&) = delete;
 
   bool ok() const { return ok_; }  // laid out and configured
-  int pid() const { return pid_; }  // the started daemon, or -1
-  // Adds "NAME=value" to the environment of the daemon and of nuvctl.
-  void AddEnv(const std::string& entry) { env_.push_back(entry); }
   std::string Sub(const std::string& rel) const { return dir_.Sub(rel); }
   std::string ConfigPath() const { return dir_.Sub("config/maintenance.json"); }
   // Starts nuv_maintd with `args`, standard output and error to <tree>/daemon.{out,err}; its pid.
@@ -85,6 +82,9 @@ class DaemonTree {
   bool StartServing();
   int Wait();  // the started daemon's exit status; -1 when none was started
   int Stop();  // SIGTERM, then Wait()
+  int pid() const { return pid_; }
+  // Sets "NAME=value" in the environment of later starts; "NAME" alone removes NAME.
+  void SetEnv(const std::string& entry);
   std::string DaemonOut() const { return ReadFile(dir_.Sub("daemon.out")); }
   std::string DaemonErr() const { return ReadFile(dir_.Sub("daemon.err")); }
   RunResult Nuvctl(std::vector<std::string> args, const std::string& input = "") const;

@@ -10,6 +10,10 @@
 #include <cstring>
 #include <string>
 
+#if NUV_HAVE_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
 #include "nuv_log.h"
 #include "nuv_maintenance.h"
 #include "nuv_path.h"
@@ -20,7 +24,8 @@ namespace {
 const char kUsage[] =
     "usage: nuv_maintd [--log-level N] [--log-file PATH]\n"
     "\n"
-    "Runs the maintenance library until SIGINT (Ctrl-C) or SIGTERM.\n"
+    "Runs the maintenance library until SIGINT (Ctrl-C) or SIGTERM; SIGHUP reopens the\n"
+    "log file (after logrotate moved it) and the daemon goes on.\n"
     "The configuration is read from <dir of nuv_maintd>/../config/maintenance.json.\n"
     "\n"
     "options:\n"
@@ -45,6 +50,15 @@ void RaiseDescriptorLimit() {
                    std::strerror(errno));
     }
   }
+}
+
+// Readiness and stopping for a Type=notify unit; nothing when not run by one.
+void Notify(const char* state) {
+#if NUV_HAVE_SYSTEMD
+  sd_notify(0, state);
+#else
+  (void)state;
+#endif
 }
 
 std::string ExePath() {
@@ -91,6 +105,7 @@ int main(int argc, char** argv) {
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
   sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
   RaiseDescriptorLimit();
@@ -109,9 +124,16 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "nuv_maintd: started (pid %ld) with %s; stop with Ctrl-C or SIGTERM\n",
                static_cast<long>(getpid()), config.c_str());
 
+  Notify("READY=1");
+
   int sig = 0;
-  while (sigwait(&stop_signals, &sig) != 0) {
+  for (;;) {
+    if (sigwait(&stop_signals, &sig) != 0) continue;
+    if (sig != SIGHUP) break;
+    if (nuv_log_start(0) == 0)
+      nuv_log_output(NUV_LOG_INFO, "nuv_maintd: SIGHUP received, log reopened");
   }
+  Notify("STOPPING=1");
   std::fprintf(stderr, "nuv_maintd: %s received, stopping\n", strsignal(sig));
   nuv_stop_perf_manager();
   return 0;

@@ -16,8 +16,8 @@
 
 namespace nuvctl {
 
-int PostBytes(const char* command, const std::string& topic,
-              const std::string& bytes);  // post_cmd.cpp
+int PostBytes(const char* command, const std::string& topic, const std::string& bytes,
+              bool check);  // post_cmd.cpp
 
 namespace {
 
@@ -97,8 +97,8 @@ int BpMain(int argc, char** argv) {
       {"--time-end", ""},
   };
   std::map<std::string, bool> given;
-  bool echo = false;
-  const int parsed = ParseOptions("bp", kUsage, argc, argv, values, given, &echo);
+  std::map<std::string, bool> flags = {{"--echo", false}};
+  const int parsed = ParseOptions("bp", kUsage, argc, argv, values, given, flags);
   if (parsed >= 0) return parsed;
 
   long long type = 0;
@@ -143,9 +143,9 @@ int BpMain(int argc, char** argv) {
   }
   const std::string document = Dump(root);
   json_decref(root);
-  if (echo) std::printf("%s\n", document.c_str());
+  if (flags["--echo"]) std::printf("%s\n", document.c_str());
   std::fflush(stdout);
-  return PostBytes("bp", kTopic, document);
+  return PostBytes("bp", kTopic, document, true);
 }
 
 }  // namespace nuvctl

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 namespace nuvctl {
 
@@ -31,13 +32,30 @@ std::string DefaultConfigPath();
 // Prints "nuvctl COMMAND: MESSAGE" and a pointer to its --help on stderr; returns kExitUsage.
 int UsageError(const char* command, const std::string& message);
 
-// Reads "--name value" and "--name=value" options into `values`, whose keys are the options
-// the command knows (their values are the defaults), and marks each one given in `given`.
-// "--echo" sets *echo. "--help" prints `usage`. Returns -1 when the command should go on,
-// else the exit code to return (0 after --help, kExitUsage after an error it printed).
+// One option of a command: "--name" and, when shortName is not 0, "-c".
+struct OptionSpec {
+  const char* name;
+  char shortName;
+  bool hasValue;
+};
+
+// The one parser of every command (getopt_long): options anywhere among the operands, "--name
+// value", "--name=value", "-c value", "-cVALUE", bundled flags ("-fn5"), "--" ends the options,
+// "-h"/"--help" prints `usage`. Each option given lands in `values` under "--name" (flags with
+// ""; a repeated option keeps the last value); operands in order. Returns -1 when the command
+// should go on, else the exit code to return (0 after --help, kExitUsage after an error it
+// printed in the one style of UsageError).
+int ParseCommandLine(const char* command, const char* usage, int argc, char** argv,
+                     const std::vector<OptionSpec>& specs,
+                     std::map<std::string, std::string>& values,
+                     std::vector<std::string>& operands);
+
+// ParseCommandLine for commands of valued options and flags and no operands: `values` holds
+// the valued options known (as "--name", their values the defaults) and gets the values given,
+// marked in `given`; `flags` holds the flags known, each set true when given.
 int ParseOptions(const char* command, const char* usage, int argc, char** argv,
                  std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
-                 bool* echo);
+                 std::map<std::string, bool>& flags);
 
 }  // namespace nuvctl
 

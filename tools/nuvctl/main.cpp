@@ -18,10 +18,14 @@ int BpMain(int argc, char** argv);     // bp_cmd.cpp
 int TopMain(int argc, char** argv);    // top_cmd.cpp
 int RegisterMain(int argc, char** argv);    // register_cmd.cpp
 int UnRegisterMain(int argc, char** argv);  // register_cmd.cpp
+int StatusMain(int argc, char** argv);      // status_cmd.cpp
+int MonitorsMain(int argc, char** argv);    // status_cmd.cpp
 
 namespace {
 
 const Command kCommands[] = {
+    {"status", "is the daemon up: pid, bus directory, topics, store, open streams", StatusMain},
+    {"monitors", "registered monitors, their targets, when they last fired and why", MonitorsMain},
     {"store", "list, read, check and clean the on-disk store", StoreMain},
     {"post", "post a file's bytes to a bus topic and show the result word", PostMain},
     {"bp", "build a valid burying point and post it to the daemon", BpMain},

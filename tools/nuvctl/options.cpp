@@ -1,4 +1,8 @@
+#include <getopt.h>
+
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
 #include "command.h"
 
@@ -10,36 +14,76 @@ int UsageError(const char* command, const std::string& message) {
   return kExitUsage;
 }
 
-int ParseOptions(const char* command, const char* usage, int argc, char** argv,
-                 std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
-                 bool* echo) {
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
+int ParseCommandLine(const char* command, const char* usage, int argc, char** argv,
+                     const std::vector<OptionSpec>& specs,
+                     std::map<std::string, std::string>& values,
+                     std::vector<std::string>& operands) {
+  std::vector<option> longOptions;
+  std::string shortOptions = ":h";  // ':' first: a missing value is told apart from an unknown
+  for (size_t i = 0; i < specs.size(); ++i) {
+    longOptions.push_back({specs[i].name, specs[i].hasValue ? required_argument : no_argument,
+                           nullptr, static_cast<int>(256 + i)});
+    if (specs[i].shortName != 0) {
+      shortOptions += specs[i].shortName;
+      if (specs[i].hasValue) shortOptions += ':';
+    }
+  }
+  longOptions.push_back({"help", no_argument, nullptr, 'h'});
+  longOptions.push_back({nullptr, 0, nullptr, 0});
+  opterr = 0;
+  optind = 0;  // a fresh scan: glibc re-initialises on 0
+  for (;;) {
+    const int at = optind == 0 ? 1 : optind;
+    const int c = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr);
+    if (c == -1) break;
+    if (c == 'h') {
       std::fputs(usage, stdout);
       return kExitOk;
     }
-    if (arg == "--echo") {
-      *echo = true;
+    const std::string given = at < argc ? argv[at] : "";
+    if (c == '?') {
+      const std::string name = optopt != 0 ? std::string("-") + static_cast<char>(optopt)
+                                           : given.substr(0, given.find('='));
+      return UsageError(command, "unknown option '" + name + "'");
+    }
+    if (c == ':') {
+      const std::string name = optopt != 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
+                                                           : given.substr(0, given.find('='));
+      return UsageError(command, "option " + name + " needs a value");
+    }
+    const OptionSpec* spec = nullptr;
+    if (c >= 256) {
+      spec = &specs[static_cast<size_t>(c - 256)];
+    } else {
+      for (const OptionSpec& s : specs) {
+        if (s.shortName == c) spec = &s;
+      }
+    }
+    if (spec == nullptr) return UsageError(command, "unknown option '" + given + "'");
+    values[std::string("--") + spec->name] = spec->hasValue ? optarg : "";
+  }
+  for (int i = optind; i < argc; ++i) operands.push_back(argv[i]);
+  return -1;
+}
+
+int ParseOptions(const char* command, const char* usage, int argc, char** argv,
+                 std::map<std::string, std::string>& values, std::map<std::string, bool>& given,
+                 std::map<std::string, bool>& flags) {
+  std::vector<OptionSpec> specs;
+  for (const auto& value : values) specs.push_back({value.first.c_str() + 2, 0, true});
+  for (const auto& flag : flags) specs.push_back({flag.first.c_str() + 2, 0, false});
+  std::map<std::string, std::string> parsed;
+  std::vector<std::string> operands;
+  const int rc = ParseCommandLine(command, usage, argc, argv, specs, parsed, operands);
+  if (rc != -1) return rc;
+  if (!operands.empty()) return UsageError(command, "unexpected argument '" + operands[0] + "'");
+  for (const auto& option : parsed) {
+    if (flags.count(option.first) != 0) {
+      flags[option.first] = true;
       continue;
     }
-    std::string value;
-    const std::string::size_type equals = arg.find('=');
-    const bool inlineValue = arg.compare(0, 2, "--") == 0 && equals != std::string::npos;
-    if (inlineValue) {
-      value = arg.substr(equals + 1);
-      arg.erase(equals);
-    }
-    if (values.count(arg) == 0) {
-      return UsageError(command, arg.compare(0, 1, "-") == 0 ? "unknown option '" + arg + "'"
-                                                             : "unexpected argument '" + arg + "'");
-    }
-    if (!inlineValue) {
-      if (i + 1 >= argc) return UsageError(command, arg + " needs a value");
-      value = argv[++i];
-    }
-    values[arg] = value;
-    given[arg] = true;
+    values[option.first] = option.second;
+    given[option.first] = true;
   }
   return -1;
 }

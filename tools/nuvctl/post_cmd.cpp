@@ -2,32 +2,47 @@
 // so an operator can try a record against the running daemon exactly as a component would.
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "bus_dir.h"
 #include "command.h"
+#include "local_check.h"
 #include "nuv_comm.h"
 #include "result_word.h"
 
 namespace nuvctl {
 
 const char kPostUsage[] =
-    "usage: nuvctl post TOPIC [FILE|-]\n"
+    "usage: nuvctl post [--no-check] TOPIC [FILE|-]\n"
     "\n"
     "Posts the bytes of FILE, or of standard input when FILE is '-' or missing, to TOPIC on\n"
     "the message bus and prints the handler's result word and its meaning, e.g.\n"
     "  0x84CE0004 (burying point invalid)\n"
-    "Burying points go to the topic maintenance:POST; the daemon's log says why one was\n"
-    "refused. The bus's socket directory is taken from NUV_COMM_DIR as by the daemon.\n"
+    "Before posting, bodies for maintenance:POST (burying points), maintenance:register\n"
+    "(monitor definitions) and maintenance:unregister are checked here with the library's own\n"
+    "code; a refused body is not posted and the reason is printed (JSON errors with line and\n"
+    "column, the field refused, a condition's refused token and position).\n"
+    "The bus's socket directory is taken from NUV_COMM_DIR as by the daemon; when nobody\n"
+    "answers, the directory tried and what is in it are named.\n"
     "\n"
     "options:\n"
-    "  --help  print this help\n"
+    "  --no-check  post without the local check (to see what the daemon answers)\n"
+    "  --help      print this help\n"
     "\n"
-    "exit codes: 0 the result was 0, 1 any other result or the input cannot be read,\n"
-    "            2 usage error\n";
+    "exit codes: 0 the result was 0, 1 any other result, a refused body, or the input\n"
+    "            cannot be read, 2 usage error\n";
 
 // Posts `bytes` to `topic` and prints the result; the exit code follows the result. Shared
 // with the commands that build what they post.
-int PostBytes(const char* command, const std::string& topic, const std::string& bytes) {
+int PostBytes(const char* command, const std::string& topic, const std::string& bytes,
+              bool check) {
+  std::string reason;
+  if (check && !CheckBeforePost(topic, bytes, reason)) {
+    std::fprintf(stderr, "nuvctl %s: not posted: %s\n", command, reason.c_str());
+    return kExitFailure;
+  }
   if (nuv_comm_init() != 0) {
     std::fprintf(stderr, "nuvctl %s: cannot join the message bus\n", command);
     return kExitFailure;
@@ -40,7 +55,10 @@ int PostBytes(const char* command, const std::string& topic, const std::string& 
   }
   nuv_comm_uninit();
   std::printf("%s\n", nuvtools::DescribeResult(static_cast<uint32_t>(result)).c_str());
-  if (static_cast<uint32_t>(result) == 0x84CE0004u) {
+  if (nuvtools::BusResultMeaning(static_cast<uint32_t>(result)) != nullptr) {
+    std::fprintf(stderr, "nuvctl %s: %s: bus directory %s\n", command, topic.c_str(),
+                 nuvtools::DescribeBusDir(nuvtools::FindBusDir()).c_str());
+  } else if (result != 0) {
     std::fprintf(stderr, "nuvctl %s: the daemon's log names the reason\n", command);
   }
   return result == 0 ? kExitOk : kExitFailure;
@@ -63,36 +81,21 @@ bool ReadAll(const char* path, std::string& out) {
 }  // namespace
 
 int PostMain(int argc, char** argv) {
-  std::string operands[2];
-  int count = 0;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kPostUsage, stdout);
-      return kExitOk;
-    }
-    if (arg.size() > 1 && arg[0] == '-') {
-      std::fprintf(stderr, "nuvctl post: unknown option '%s'\n%s", arg.c_str(), kPostUsage);
-      return kExitUsage;
-    }
-    if (count == 2) {
-      std::fprintf(stderr, "nuvctl post: unexpected argument '%s'\n%s", arg.c_str(), kPostUsage);
-      return kExitUsage;
-    }
-    operands[count++] = arg;
-  }
-  if (count == 0) {
-    std::fprintf(stderr, "nuvctl post: a TOPIC is needed\n%s", kPostUsage);
-    return kExitUsage;
-  }
-  const bool fromStdin = count == 1 || operands[1] == "-";
+  std::map<std::string, std::string> values;
+  std::vector<std::string> operands;
+  const int parsed = ParseCommandLine("post", kPostUsage, argc, argv, {{"no-check", 0, false}},
+                                      values, operands);
+  if (parsed != -1) return parsed;
+  if (operands.empty()) return UsageError("post", "a TOPIC is needed");
+  if (operands.size() > 2) return UsageError("post", "unexpected argument '" + operands[2] + "'");
+  const bool fromStdin = operands.size() == 1 || operands[1] == "-";
   const char* source = fromStdin ? "standard input" : operands[1].c_str();
   std::string bytes;
   if (!ReadAll(fromStdin ? nullptr : operands[1].c_str(), bytes)) {
     std::fprintf(stderr, "nuvctl post: cannot read %s\n", source);
     return kExitFailure;
   }
-  return PostBytes("post", operands[0], bytes);
+  return PostBytes("post", operands[0], bytes, values.count("--no-check") == 0);
 }
 
 }  // namespace nuvctl

@@ -7,13 +7,14 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "command.h"
 
 namespace nuvctl {
 
-int PostBytes(const char* command, const std::string& topic,
-              const std::string& bytes);  // post_cmd.cpp
+int PostBytes(const char* command, const std::string& topic, const std::string& bytes,
+              bool check);  // post_cmd.cpp
 
 namespace {
 
@@ -41,8 +42,11 @@ const char kRegisterUsage[] =
     "  --product-version TEXT  [the version of nuvctl]\n"
     "  --dependent-id ID       [empty] the monitor this one runs under\n"
     "  --echo                  print the posted document before the result\n"
+    "  --no-check              post without checking the definition here first\n"
     "  --help                  print this help\n"
     "\n"
+    "The definition is checked here first with the library's own code (focus, handler, the\n"
+    "condition's window and expression); a refused one is not posted and the reason printed.\n"
     "results: 0x00000000 registered, 0x84CE0001 refused by the daemon, 0x84CE0002 invalid\n"
     "exit codes: 0 the result was 0, 1 any other result, 2 usage error\n";
 
@@ -91,14 +95,13 @@ int RegisterMain(int argc, char** argv) {
       {"--condition", ""},    {"--dependent-id", ""},
   };
   std::map<std::string, bool> given;
-  bool echo = false;
-  const int parsed = ParseOptions("register", kRegisterUsage, argc, argv, values, given, &echo);
+  std::map<std::string, bool> flags = {{"--echo", false}, {"--no-check", false}};
+  const int parsed = ParseOptions("register", kRegisterUsage, argc, argv, values, given, flags);
   if (parsed >= 0) return parsed;
   for (const char* required : {"--id", "--focus", "--condition", "--handler"}) {
     if (!given[required]) return UsageError("register", std::string(required) + " is needed");
   }
 
-  // Validation is the daemon's: what it refuses comes back as 0x84CE0002.
   json_t* root = json_object();
   for (const auto& [option, key] : kKeys) {
     json_t* text = json_string(values[option].c_str());
@@ -109,31 +112,23 @@ int RegisterMain(int argc, char** argv) {
     json_object_set_new(root, key, text);
   }
   const std::string document = DumpAndFree(root);
-  if (echo) std::printf("%s\n", document.c_str());
+  if (flags["--echo"]) std::printf("%s\n", document.c_str());
   std::fflush(stdout);
-  return PostBytes("register", kRegisterTopic, document);
+  return PostBytes("register", kRegisterTopic, document, !flags["--no-check"]);
 }
 
 int UnRegisterMain(int argc, char** argv) {
-  std::string id;
-  bool haveId = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUnRegisterUsage, stdout);
-      return kExitOk;
-    }
-    if (arg.size() > 1 && arg[0] == '-') {
-      return UsageError("unregister", "unknown option '" + arg + "'");
-    }
-    if (haveId) return UsageError("unregister", "unexpected argument '" + arg + "'");
-    id = arg;
-    haveId = true;
-  }
-  if (!haveId) return UsageError("unregister", "an ID is needed");
+  std::map<std::string, std::string> values;
+  std::vector<std::string> operands;
+  const int parsed =
+      ParseCommandLine("unregister", kUnRegisterUsage, argc, argv, {}, values, operands);
+  if (parsed != -1) return parsed;
+  if (operands.empty()) return UsageError("unregister", "an ID is needed");
+  if (operands.size() > 1) return UsageError("unregister", "unexpected argument '" + operands[1] + "'");
+  const std::string& id = operands[0];
   const std::string document = DumpAndFree(json_pack("{s:s}", "id", id.c_str()));
   if (document.empty()) return UsageError("unregister", "ID must be UTF-8 text");
-  return PostBytes("unregister", kUnRegisterTopic, document);
+  return PostBytes("unregister", kUnRegisterTopic, document, true);
 }
 
 }  // namespace nuvctl

@@ -1,7 +1,8 @@
 // nuvctl store: the on-disk store as the library sees it. Paths, classification and listings
 // come from the library's own store classes and the daemon's configuration, so what is shown
 // here is what the daemon and its clean-up pass work on.
-#include <algorithm>
+#include <jansson.h>
+
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -11,21 +12,21 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "clearn/clearn.h"
 #include "command.h"
-#include "common/jsonutil.h"
-#include "common/singleton.h"
 #include "common/utils.h"
-#include "config/config_mgr.h"
+#include "config/config_addition.h"
+#include "config/config_clearn.h"
 #include "file/fileclassify.h"
-#include "file/filecontent.h"
 #include "file/fileindex.h"
 #include "file/filemanager.h"
-#include "nuv_file.h"
+#include "common/singleton.h"
 #include "nuv_log.h"
+#include "store_read.h"
+#include "store_streams.h"
+#include "table.h"
 
 namespace nuvctl {
 namespace {
@@ -34,18 +35,36 @@ const char kUsage[] =
     "usage: nuvctl store [--config PATH] ACTION [OPTIONS]\n"
     "\n"
     "actions:\n"
-    "  ls [--type T] [--day YYYYMMDD]\n"
+    "  ls [--type T] [--day YYYYMMDD] [--json]\n"
     "      list the streams: day, name, pid, type, record count and content bytes\n"
-    "  cat NAME PID TYPE [--day YYYYMMDD] [--from N] [--count K]\n"
-    "      print records N .. N+K-1 of one stream, one per line (default: every record of\n"
-    "      today's stream)\n"
-    "  verify\n"
+    "  cat NAME PID TYPE [--day YYYYMMDD | --since WHEN --until WHEN] [--from N] [--count K]\n"
+    "      [-n N] [--monitor ID] [-f] [--json]\n"
+    "      print the records of one stream, one per line (default: today's stream)\n"
+    "  query [--name NAME] [--pid PID] [--type T] [--monitor ID] [--day YYYYMMDD]\n"
+    "      [--since WHEN] [--until WHEN] [-n N] [-f] [--json]\n"
+    "      print the records of every matching stream, in time order, each after its day,\n"
+    "      name, pid and type (default: every day kept)\n"
+    "  verify [--json]\n"
     "      check every index/content pair: whole 22-byte index lines, each pointing inside\n"
     "      the content file; lists the bad pairs and exits 1 when there are any\n"
-    "  clean [--type T]\n"
+    "  clean [--type T] [--dry-run]\n"
     "      run one clean-up pass now, the daemon's hourly pass (types 512, 8192, 16384 and\n"
     "      32768, or only T): past days are packed into DAY.tgz beside them, days and\n"
-    "      archives older than the configured days are deleted\n"
+    "      archives older than the configured days are deleted; --dry-run only lists that\n"
+    "\n"
+    "reading options:\n"
+    "  -S, --since WHEN, -U, --until WHEN\n"
+    "                 YYYYMMDD or YYYY-MM-DD, optionally with ' HH:MM[:SS]' or 'THH:MM[:SS]';\n"
+    "                 or today, yesterday, now. Inclusive; a day alone in --until takes the\n"
+    "                 whole day. A record's time is its header/time; one without is placed\n"
+    "                 by its day\n"
+    "  -n, --lines N  only the last N records\n"
+    "  -f, --follow   go on printing records as they are indexed, until interrupted\n"
+    "  --json         one JSON object per line: day, name, pid, type, n, offset, length,\n"
+    "                 time (when known), archived, record (the stored text)\n"
+    "  --monitor ID   only records whose header/id is ID (a fired monitor's id)\n"
+    "Archived days (DAY.tgz) are unpacked with tar into a temporary directory and read as\n"
+    "if they were still directories.\n"
     "\n"
     "options:\n"
     "  --config PATH  configuration to read; default <dir of nuvctl>/../config/maintenance.json,\n"
@@ -54,35 +73,9 @@ const char kUsage[] =
     "\n"
     "exit codes: 0 success, 1 failure or problems found, 2 usage error\n";
 
-struct Options {
-  std::string config;
-  std::string action;
-  std::vector<std::string> operands;
-  std::set<std::string> given;  // the options present, by name
-  unsigned int type = 0;
-  std::string day;
-  unsigned int from = 1;
-  unsigned int count = 0;
-};
-
-// One stream found on disk: an index/content pair, either of which may be missing.
-struct Stream {
-  std::string day;
-  std::string name;
-  unsigned int pid = 0;
-  unsigned int type = 0;
-  std::string indexPath;
-  std::string contentPath;
-  bool hasIndex = false;
-  bool hasContent = false;
-};
+using Values = std::map<std::string, std::string>;
 
 int UsageError(const std::string& message) { return nuvctl::UsageError("store", message); }
-
-int Failure(const std::string& message) {
-  std::fprintf(stderr, "nuvctl store: %s\n", message.c_str());
-  return kExitFailure;
-}
 
 bool ParseUnsigned(const std::string& text, unsigned int& out) {
   if (text.empty() || text.size() > 10 ||
@@ -90,179 +83,69 @@ bool ParseUnsigned(const std::string& text, unsigned int& out) {
     return false;
   }
   const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
-  if (value > UINT_MAX) {
-    return false;
-  }
+  if (value > UINT_MAX) return false;
   out = static_cast<unsigned int>(value);
   return true;
-}
-
-uint64_t SizeOrZero(const std::string& path) {
-  const uint64_t size = nuv_file_size(path.c_str());
-  return size == NUV_FILE_SIZE_UNKNOWN ? 0 : size;
 }
 
 std::string StreamName(const std::string& name, unsigned int pid, unsigned int type) {
   return name + "-" + std::to_string(pid) + "-" + std::to_string(type);
 }
 
-// Returns kExitOk, or the exit code of a usage error already reported.
-int ParseArguments(int argc, char** argv, Options& options, bool& help) {
-  static const std::set<std::string> kValued = {"--config", "--type", "--day", "--from", "--count"};
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      help = true;
-      return kExitOk;
-    }
-    if (arg.size() < 2 || arg[0] != '-') {
-      if (options.action.empty()) {
-        options.action = arg;
-      } else {
-        options.operands.push_back(arg);
-      }
-      continue;
-    }
-    std::string value;
-    bool hasValue = false;
-    const size_t equals = arg.find('=');
-    if (equals != std::string::npos) {
-      value = arg.substr(equals + 1);
-      arg.erase(equals);
-      hasValue = true;
-    }
-    if (kValued.count(arg) == 0) {
-      return UsageError("unknown option '" + arg + "'");
-    }
-    if (!hasValue) {
-      if (i + 1 >= argc) {
-        return UsageError(arg + " needs a value");
-      }
-      value = argv[++i];
-    }
-    options.given.insert(arg);
-    if (arg == "--config") {
-      options.config = value;
-    } else if (arg == "--day") {
-      if (!CFileClassify::CheckDataTime(value)) {
-        return UsageError("--day takes a date YYYYMMDD, not '" + value + "'");
-      }
-      options.day = value;
-    } else if (arg == "--type") {
-      if (!ParseUnsigned(value, options.type) || options.type == 0) {
-        return UsageError("--type takes a record type above 0, not '" + value + "'");
-      }
-    } else if (arg == "--from") {
-      if (!ParseUnsigned(value, options.from) || options.from == 0) {
-        return UsageError("--from takes a record number from 1, not '" + value + "'");
-      }
-    } else if (!ParseUnsigned(value, options.count) || options.count == 0) {
-      return UsageError("--count takes a number above 0, not '" + value + "'");
-    }
+void PrintJsonLine(json_t* row) {
+  char* text = json_dumps(row, JSON_COMPACT);
+  std::printf("%s\n", text ? text : "{}");
+  free(text);
+  json_decref(row);
+}
+
+// The numeric options, checked; kExitOk or a usage error already reported.
+int CheckNumbers(const Values& v, ReadOptions& read, unsigned int& type) {
+  const struct {
+    const char* option;
+    unsigned int* out;
+    unsigned int min;
+    const char* what;
+  } numbers[] = {
+      {"--type", &type, 1, "a record type above 0"},
+      {"--from", &read.from, 1, "a record number from 1"},
+      {"--count", &read.count, 1, "a number above 0"},
+      {"--lines", &read.last, 1, "a number above 0"},
+      {"--pid", &read.pid, 0, "a process id"},
+  };
+  for (const auto& n : numbers) {
+    const auto given = v.find(n.option);
+    if (given == v.end()) continue;
+    if (!ParseUnsigned(given->second, *n.out) || *n.out < n.min)
+      return UsageError(std::string(n.option) + " takes " + n.what + ", not '" + given->second + "'");
   }
   return kExitOk;
 }
 
-// Every option given must be one the action takes.
-int CheckApplicable(const Options& options, const std::set<std::string>& allowed) {
-  for (const std::string& option : options.given) {
-    if (option != "--config" && allowed.count(option) == 0) {
-      return UsageError("option " + option + " does not apply to '" + options.action + "'");
-    }
-  }
-  return kExitOk;
-}
-
-// Loads the configuration into the library's sections, and lists the types that have a
-// directory of their own ("/addition").
-bool LoadConfiguration(const std::string& path, std::vector<unsigned int>& ownTypes) {
-  ConfigMgr loader;
-  const CError loaded = loader.LoadConfig(path);
-  if (!loaded.IsSuccess()) {
-    std::fprintf(stderr, "nuvctl store: cannot load the configuration %s: %s (code %d)\n",
-                 path.c_str(), loaded.desc.c_str(), loaded.code);
-    return false;
-  }
-  JsonUtil document;
-  std::vector<JsonUtil> members;
-  if (document.JsonLoadFile(path) == JsonUtil::kOk &&
-      document.JsonGetJsonObjectList("/addition", members) == JsonUtil::kOk) {
-    for (const JsonUtil& member : members) {
-      int type = 0;
-      if (member.JsonGetInteger("/bp_type", &type, -1) == JsonUtil::kOk && type > 0) {
-        ownTypes.push_back(static_cast<unsigned int>(type));
-      }
-    }
-  }
-  return true;
-}
-
-// The streams under the base directories of `types` (each directory walked once).
-std::vector<Stream> CollectStreams(const std::vector<unsigned int>& types) {
-  std::set<std::string> walked;
-  std::map<std::string, Stream> byContent;
-  for (unsigned int type : types) {
-    if (!walked.insert(GetStoreBaseDirectory(type)).second) {
+int List(const Values& v, unsigned int type, const std::vector<unsigned int>& ownTypes) {
+  const bool byType = v.count("--type") != 0;
+  const std::string day = v.count("--day") ? v.at("--day") : "";
+  const bool json = v.count("--json") != 0;
+  std::vector<std::vector<std::string>> rows = {{"DAY", "NAME", "PID", "TYPE", "RECORDS", "BYTES"}};
+  for (const Stream& s : CollectStreams(byType ? std::vector<unsigned int>{type} : AllStoreTypes(ownTypes), nullptr)) {
+    if ((byType && s.type != type) || (!day.empty() && s.day != day)) continue;
+    const uint64_t records = s.hasIndex ? FileSizeOrZero(s.indexPath) / kIndexLineSize : 0;
+    const uint64_t bytes = s.hasContent ? FileSizeOrZero(s.contentPath) : 0;
+    if (json) {
+      PrintJsonLine(json_pack("{s:s, s:s, s:I, s:I, s:I, s:I, s:s}", "day", s.day.c_str(), "name",
+                              s.name.c_str(), "pid", static_cast<json_int_t>(s.pid), "type",
+                              static_cast<json_int_t>(s.type), "records",
+                              static_cast<json_int_t>(records), "bytes",
+                              static_cast<json_int_t>(bytes), "path", s.contentPath.c_str()));
       continue;
     }
-    // 210 and 211 only say that nothing is there.
-    std::vector<std::string> files;
-    CSingleton<CFileManager>::GetInstance().EnumAllFiles(files, static_cast<int>(type));
-    for (const std::string& file : files) {
-      CFileClassify classify;
-      if (!CFileClassify::ParseFilePath(file, classify)) {
-        continue;
-      }
-      Stream& stream = byContent[classify.GetContentPath()];
-      stream.day = classify.GetTime();
-      stream.name = classify.GetName();
-      stream.pid = classify.GetPid();
-      stream.type = classify.GetType();
-      stream.indexPath = classify.GetIndexPath();
-      stream.contentPath = classify.GetContentPath();
-      (file == stream.indexPath ? stream.hasIndex : stream.hasContent) = true;
-    }
+    rows.push_back({s.day, s.name, std::to_string(s.pid), std::to_string(s.type),
+                    std::to_string(records), std::to_string(bytes)});
   }
-  std::vector<Stream> streams;
-  for (auto& entry : byContent) {
-    streams.push_back(entry.second);
-  }
-  std::sort(streams.begin(), streams.end(), [](const Stream& a, const Stream& b) {
-    return std::tie(a.day, a.name, a.pid, a.type, a.contentPath) <
-           std::tie(b.day, b.name, b.pid, b.type, b.contentPath);
-  });
-  return streams;
-}
-
-// The maintenance-log directory (512 stands for it) and every directory of its own.
-std::vector<unsigned int> AllStoreTypes(const std::vector<unsigned int>& ownTypes) {
-  std::vector<unsigned int> types = {512};
-  types.insert(types.end(), ownTypes.begin(), ownTypes.end());
-  return types;
-}
-
-int List(const Options& options, const std::vector<unsigned int>& ownTypes) {
-  const bool byType = options.given.count("--type") != 0;
-  const std::vector<unsigned int> types =
-      byType ? std::vector<unsigned int>{options.type} : AllStoreTypes(ownTypes);
-  std::vector<Stream> shown;
-  for (const Stream& stream : CollectStreams(types)) {
-    if ((!byType || stream.type == options.type) &&
-        (options.day.empty() || stream.day == options.day)) {
-      shown.push_back(stream);
-    }
-  }
-  if (shown.empty()) {
+  if (rows.size() == 1 && !json) {
     std::fprintf(stderr, "nuvctl store: no streams found\n");
-    return kExitOk;
-  }
-  std::printf("%-8s  %-20s %10s %6s %8s %12s\n", "DAY", "NAME", "PID", "TYPE", "RECORDS", "BYTES");
-  for (const Stream& stream : shown) {
-    const uint64_t records = stream.hasIndex ? SizeOrZero(stream.indexPath) / kIndexLineSize : 0;
-    const uint64_t bytes = stream.hasContent ? SizeOrZero(stream.contentPath) : 0;
-    std::printf("%-8s  %-20s %10u %6u %8llu %12llu\n", stream.day.c_str(), stream.name.c_str(),
-                stream.pid, stream.type, static_cast<unsigned long long>(records),
-                static_cast<unsigned long long>(bytes));
+  } else if (!json) {
+    PrintTable(rows, {false, false, true, true, true, true});
   }
   return kExitOk;
 }
@@ -274,7 +157,7 @@ std::string CheckPair(const Stream& stream) {
   std::ifstream in(stream.indexPath, std::ios::binary);
   const std::string index((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (in.bad()) return "index file unreadable";
-  const uint64_t contentSize = SizeOrZero(stream.contentPath);
+  const uint64_t contentSize = FileSizeOrZero(stream.contentPath);
   const size_t lines = index.size() / kIndexLineSize;
   for (size_t i = 0; i < lines; ++i) {
     const std::string line = index.substr(i * kIndexLineSize, kIndexLineSize);
@@ -297,143 +180,186 @@ std::string CheckPair(const Stream& stream) {
   return "";
 }
 
-int Verify(const std::vector<unsigned int>& ownTypes) {
-  const std::vector<Stream> streams = CollectStreams(AllStoreTypes(ownTypes));
+int Verify(bool json, const std::vector<unsigned int>& ownTypes) {
+  const std::vector<Stream> streams = CollectStreams(AllStoreTypes(ownTypes), nullptr);
   size_t bad = 0;
   for (const Stream& stream : streams) {
     const std::string problem = CheckPair(stream);
-    if (!problem.empty()) {
-      ++bad;
+    if (json) {
+      json_t* row = json_pack("{s:s, s:b}", "index", stream.indexPath.c_str(), "whole", problem.empty());
+      if (!problem.empty()) json_object_set_new(row, "problem", json_string(problem.c_str()));
+      PrintJsonLine(row);
+    } else if (!problem.empty()) {
       std::printf("bad pair: %s: %s\n", stream.indexPath.c_str(), problem.c_str());
     }
+    bad += problem.empty() ? 0 : 1;
   }
-  if (bad != 0) {
-    std::printf("%zu of %zu pairs bad\n", bad, streams.size());
-    return kExitFailure;
+  if (!json && bad != 0) std::printf("%zu of %zu pairs bad\n", bad, streams.size());
+  if (!json && bad == 0) std::printf("%zu pairs whole\n", streams.size());
+  return bad == 0 ? kExitOk : kExitFailure;
+}
+
+// What the pass would do, by the same rules and in the same order, touching nothing.
+int DryRunClean(const std::vector<int>& types) {
+  const std::string today = GenerateCurrentTime("%Y%m%d", 16);
+  std::set<std::string> seen;
+  size_t actions = 0;
+  for (int type : types) {
+    const bool logTypes = type == 512 || type == 256 || type == 4096;
+    const int keep = logTypes ? CClearnCfg::GetInstance()->GetTimeInterval()
+                              : CAdditionCtrlor::GetInstance()->GetClearnDay(type);
+    const double keepSeconds = static_cast<double>(keep) * CClearn::kSecondsPerDay;
+    std::vector<std::string> archives;
+    if (CSingleton<CFileManager>::GetInstance().EnumFilesBySuffix(archives, ".tgz", type).IsSuccess()) {
+      for (const std::string& archive : archives) {
+        double seconds = 0;
+        const std::string day = CFileClassify::GetCompressFileTime(archive, ".tgz");
+        if (CFileClassify::DifferTime(day, today, seconds) && seconds >= keepSeconds &&
+            seen.insert(archive).second) {
+          std::printf("would delete %s (type %d keeps %d days)\n", archive.c_str(), type, keep);
+          ++actions;
+        }
+      }
+    }
+    std::vector<std::string> files;
+    if (!CSingleton<CFileManager>::GetInstance().EnumAllFiles(files, type).IsSuccess()) continue;
+    for (const std::string& file : files) {
+      CFileClassify classify;
+      double seconds = 0;
+      if (!CFileClassify::ParseFilePath(file, classify) ||
+          !CFileClassify::DifferTime(classify.GetTime(), today, seconds)) {
+        continue;
+      }
+      const std::string dir = classify.GetTimePath();
+      if (seconds >= keepSeconds) {
+        if (!dir.empty() && seen.insert(dir).second) {
+          std::printf("would delete %s (type %d keeps %d days)\n", dir.c_str(), type, keep);
+          ++actions;
+        }
+      } else if (seconds >= CClearn::kSecondsPerDay && seen.insert(dir).second) {
+        std::printf("would pack %s into %s.tgz and remove it\n", dir.c_str(), dir.c_str());
+        ++actions;
+      }
+    }
   }
-  std::printf("%zu pairs whole\n", streams.size());
+  if (actions == 0) std::printf("nothing to clean\n");
   return kExitOk;
 }
 
-int Cat(const Options& options) {
-  if (options.operands.size() != 3) {
-    return UsageError("cat takes NAME PID TYPE");
-  }
-  const std::string& name = options.operands[0];
-  unsigned int pid = 0;
-  unsigned int type = 0;
-  if (!CFileClassify::IsStoreName(name)) {
-    return UsageError("NAME must be a store name (not empty, '.' or '..', no '/'), not '" + name +
-                      "'");
-  }
-  if (!ParseUnsigned(options.operands[1], pid)) {
-    return UsageError("PID must be a number, not '" + options.operands[1] + "'");
-  }
-  if (!ParseUnsigned(options.operands[2], type) || type == 0) {
-    return UsageError("TYPE must be a number above 0, not '" + options.operands[2] + "'");
-  }
-  const std::string day = options.day.empty() ? GenerateCurrentTime("%Y%m%d", 16) : options.day;
-  // The content path as the store lays it out, classified back by the library.
-  std::string base = GetStoreBaseDirectory(type);
-  if (base.empty() || base.back() != '/') base.push_back('/');
-  CFileClassify classify;
-  if (!CFileClassify::ParseFilePath(
-          base + "/" + day + "/" + name + "/" + StreamName(name, pid, type), classify)) {
-    return Failure("cannot classify stream " + StreamName(name, pid, type) + " under " + base);
-  }
-  // Opening a missing file would create it: the store is only read here.
-  for (const std::string& path : {classify.GetIndexPath(), classify.GetContentPath()}) {
-    if (is_file_exist(path.c_str()) == 0) {
-      return Failure("no stream " + StreamName(name, pid, type) + " on " + day + " (" + path +
-                     " does not exist)");
-    }
-  }
-  CFileIndex index;
-  CFileContent content;
-  CError opened = index.InitFilePath(classify.GetIndexPath());
-  if (opened.IsSuccess()) opened = content.InitFilePath(classify.GetContentPath());
-  if (!opened.IsSuccess()) return Failure(opened.desc);
-
-  const unsigned int total = static_cast<unsigned int>(index.GetIndexCounts());
-  if (options.from > total && options.given.count("--from") != 0) {
-    return Failure(StreamName(name, pid, type) + " on " + day + " has " + std::to_string(total) +
-                   " records; --from " + std::to_string(options.from) + " is past the end");
-  }
-  unsigned int last = total;
-  if (options.given.count("--count") != 0 && total >= options.from &&
-      options.count - 1 < total - options.from) {
-    last = options.from + options.count - 1;
-  }
-  for (unsigned int n = options.from; n <= last && n >= options.from; ++n) {
-    IndexData entry;
-    std::string record;
-    CError read = index.ReadIndex(n, entry);
-    if (IsReadOk(read)) read = content.ReadContent(entry, record);
-    if (!IsReadOk(read)) {
-      std::fflush(stdout);
-      return Failure("record " + std::to_string(n) + ": " + read.desc);
-    }
-    record.push_back('\n');
-    std::fwrite(record.data(), 1, record.size(), stdout);
-  }
-  return kExitOk;
-}
-
-int Clean(const Options& options) {
+int Clean(const Values& v, unsigned int type) {
+  std::vector<int> types(std::begin(CClearn::kClearnTypes), std::end(CClearn::kClearnTypes));
+  if (v.count("--type") != 0) types = {static_cast<int>(type)};
+  if (v.count("--dry-run") != 0) return DryRunClean(types);
   // The pass reports what it packed and deleted in its INFO lines.
-  if (std::getenv("NUV_LOG_LEVEL") == nullptr) {
-    nuv_log_set_level(NUV_LOG_INFO);
+  if (std::getenv("NUV_LOG_LEVEL") == nullptr) nuv_log_set_level(NUV_LOG_INFO);
+  std::printf("clean-up pass done for type%s", types.size() > 1 ? "s" : "");
+  for (int t : types) {
+    CClearn::ClearnFiles(t);
+    std::printf(" %d", t);
   }
-  if (options.given.count("--type") != 0) {
-    CClearn::ClearnFiles(static_cast<int>(options.type));
-    std::printf("clean-up pass done for type %u\n", options.type);
-  } else {
-    CClearn::ClearnAllTypes();
-    std::printf("clean-up pass done for types");
-    for (int type : CClearn::kClearnTypes) std::printf(" %d", type);
-    std::printf("\n");
-  }
+  std::printf("\n");
   return kExitOk;
+}
+
+int Cat(const Values& v, const std::vector<std::string>& operands, ReadOptions& read) {
+  if (operands.size() != 3) return UsageError("cat takes NAME PID TYPE");
+  read.name = operands[0];
+  if (!CFileClassify::IsStoreName(read.name))
+    return UsageError("NAME must be a store name (not empty, '.' or '..', no '/'), not '" +
+                      read.name + "'");
+  if (!ParseUnsigned(operands[1], read.pid))
+    return UsageError("PID must be a number, not '" + operands[1] + "'");
+  if (!ParseUnsigned(operands[2], read.type) || read.type == 0)
+    return UsageError("TYPE must be a number above 0, not '" + operands[2] + "'");
+  read.byPid = true;
+  read.types = {read.type};
+  std::string what = StreamName(read.name, read.pid, read.type);
+  if (v.count("--since") == 0 && v.count("--until") == 0) {
+    const std::string day = v.count("--day") ? v.at("--day") : GenerateCurrentTime("%Y%m%d", 16);
+    read.since = day + " 00:00:00";
+    read.until = day + " 23:59:59";
+    what += " on " + day;
+  }
+  return ReadStore(read, what);
+}
+
+int Query(const Values& v, const std::vector<std::string>& operands, ReadOptions& read,
+          unsigned int type, const std::vector<unsigned int>& ownTypes) {
+  if (!operands.empty()) return UsageError("unexpected argument '" + operands[0] + "'");
+  if (v.count("--name")) read.name = v.at("--name");
+  read.byPid = v.count("--pid") != 0;
+  read.type = type;
+  read.types = type != 0 ? std::vector<unsigned int>{type} : AllStoreTypes(ownTypes);
+  read.streamColumns = true;
+  if (v.count("--day")) {
+    read.since = v.at("--day") + " 00:00:00";
+    read.until = v.at("--day") + " 23:59:59";
+  }
+  return ReadStore(read, "matches");
 }
 
 }  // namespace
 
 int StoreMain(int argc, char** argv) {
-  Options options;
-  bool help = false;
-  const int parsed = ParseArguments(argc, argv, options, help);
-  if (parsed != kExitOk) return parsed;
-  if (help) {
-    std::fputs(kUsage, stdout);
-    return kExitOk;
-  }
+  static const std::vector<OptionSpec> kSpecs = {
+      {"config", 0, true}, {"type", 0, true},    {"day", 0, true},     {"from", 0, true},
+      {"count", 0, true},  {"since", 'S', true}, {"until", 'U', true}, {"follow", 'f', false},
+      {"json", 0, false},  {"lines", 'n', true}, {"name", 0, true},    {"pid", 0, true},
+      {"monitor", 0, true}, {"dry-run", 0, false}};
   static const std::map<std::string, std::set<std::string>> kActions = {
-      {"ls", {"--type", "--day"}},
-      {"cat", {"--day", "--from", "--count"}},
-      {"verify", {}},
-      {"clean", {"--type"}},
+      {"ls", {"--type", "--day", "--json"}},
+      {"cat", {"--day", "--from", "--count", "--since", "--until", "--follow", "--json",
+               "--lines", "--monitor"}},
+      {"query", {"--name", "--pid", "--type", "--monitor", "--day", "--since", "--until",
+                 "--follow", "--json", "--lines"}},
+      {"verify", {"--json"}},
+      {"clean", {"--type", "--dry-run"}},
   };
-  if (options.action.empty()) {
-    return UsageError("an action is needed: ls, cat, verify or clean");
+  Values v;
+  std::vector<std::string> operands;
+  const int parsed = ParseCommandLine("store", kUsage, argc, argv, kSpecs, v, operands);
+  if (parsed != -1) return parsed;
+  if (operands.empty()) return UsageError("an action is needed: ls, cat, query, verify or clean");
+  const std::string action = operands.front();
+  operands.erase(operands.begin());
+  const auto allowed = kActions.find(action);
+  if (allowed == kActions.end()) return UsageError("unknown action '" + action + "'");
+  for (const auto& option : v) {
+    if (option.first != "--config" && allowed->second.count(option.first) == 0)
+      return UsageError("option " + option.first + " does not apply to '" + action + "'");
   }
-  const auto action = kActions.find(options.action);
-  if (action == kActions.end()) {
-    return UsageError("unknown action '" + options.action + "'");
+  if (action != "cat" && action != "query" && !operands.empty())
+    return UsageError("unexpected argument '" + operands[0] + "'");
+  if (v.count("--day") && !CFileClassify::CheckDataTime(v.at("--day")))
+    return UsageError("--day takes a date YYYYMMDD, not '" + v.at("--day") + "'");
+  if (v.count("--day") && (v.count("--since") || v.count("--until")))
+    return UsageError("--day and --since/--until exclude each other");
+  ReadOptions read;
+  unsigned int type = 0;
+  const int numbers = CheckNumbers(v, read, type);
+  if (numbers != kExitOk) return numbers;
+  for (const char* bound : {"--since", "--until"}) {
+    if (v.count(bound) == 0) continue;
+    std::string& key = bound[2] == 's' ? read.since : read.until;
+    if (!ParseWhen(v.at(bound), bound[2] == 'u', key))
+      return UsageError(std::string(bound) + " takes YYYYMMDD or YYYY-MM-DD with an optional " +
+                        "HH:MM[:SS], today, yesterday or now, not '" + v.at(bound) + "'");
   }
-  const int applicable = CheckApplicable(options, action->second);
-  if (applicable != kExitOk) return applicable;
-  if (options.action != "cat" && !options.operands.empty()) {
-    return UsageError("unexpected argument '" + options.operands[0] + "'");
-  }
+  if (!read.since.empty() && !read.until.empty() && read.since > read.until)
+    return UsageError("--since is after --until");
+  read.follow = v.count("--follow") != 0;
+  read.json = v.count("--json") != 0;
+  if (v.count("--monitor")) read.monitor = v.at("--monitor");
 
-  const std::string config = options.config.empty() ? DefaultConfigPath() : options.config;
+  const std::string config = v.count("--config") ? v.at("--config") : DefaultConfigPath();
   std::vector<unsigned int> ownTypes;
-  if (!LoadConfiguration(config, ownTypes)) return kExitFailure;
+  if (!LoadStoreConfiguration(config, ownTypes)) return kExitFailure;
 
-  if (options.action == "ls") return List(options, ownTypes);
-  if (options.action == "cat") return Cat(options);
-  if (options.action == "verify") return Verify(ownTypes);
-  return Clean(options);
+  if (action == "ls") return List(v, type, ownTypes);
+  if (action == "cat") return Cat(v, operands, read);
+  if (action == "query") return Query(v, operands, read, type, ownTypes);
+  if (action == "verify") return Verify(read.json, ownTypes);
+  return Clean(v, type);
 }
 
 }  // namespace nuvctl

@@ -1,6 +1,8 @@
 // nuvctl top: one sample as the library's monitors see it. It subscribes to the same provider
 // and turns its records into the same sample records, so the numbers printed are the raw
 // numbers a condition such as "C>50" or "M>1048576" is compared with.
+#include <jansson.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -9,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,7 +24,7 @@ namespace nuvctl {
 namespace {
 
 const char kUsage[] =
-    "usage: nuvctl top [-n N] [--interval S]\n"
+    "usage: nuvctl top [-n N] [--interval S] [--json]\n"
     "\n"
     "Takes one sample of the machine over S seconds from the performance provider the library\n"
     "uses and prints the system figures and the N busiest processes, with every figure a\n"
@@ -32,9 +35,11 @@ const char kUsage[] =
     "0 and it has no T or H. Names and paths are shown lower-cased, as monitors match them.\n"
     "\n"
     "options:\n"
-    "  -n N          how many processes to show (default 10)\n"
+    "  -n, --lines N how many processes to show (default 10)\n"
     "  --interval S  sampling period in seconds (default 1); the sample covers one whole\n"
     "                period, so the command takes about S seconds\n"
+    "  --json        one JSON object: \"system\" with the figures above and \"processes\",\n"
+    "                the N busiest, each with its figures\n"
     "  --help        print this help\n"
     "\n"
     "exit codes: 0 success, 1 no sample could be had, 2 usage error\n";
@@ -120,14 +125,61 @@ void PrintSystem(const SystemInfo& s) {
   std::printf("     %-20s %12u\n", "handlenum", static_cast<unsigned int>(s.handlenum));
 }
 
-void PrintProcesses(std::vector<ProcessInfo>& processes, unsigned int count,
-                    unsigned int interval) {
-  // Busiest first; equal cpu by resident memory, then by pid, so the order is stable.
+// Busiest first; equal cpu by resident memory, then by pid, so the order is stable.
+void SortBusiest(std::vector<ProcessInfo>& processes) {
   std::sort(processes.begin(), processes.end(), [](const ProcessInfo& a, const ProcessInfo& b) {
     if (a.cpu != b.cpu) return a.cpu > b.cpu;
     if (a.memory != b.memory) return a.memory > b.memory;
     return a.pid < b.pid;
   });
+}
+
+void PrintJson(const FirstSample& sample, const std::vector<ProcessInfo>& processes,
+               unsigned int count) {
+  json_t* root = json_object();
+  if (sample.hasSystem) {
+    const SystemInfo& s = sample.system;
+    const uint64_t total = s.memtotal;
+    const uint64_t available = s.memavai;
+    json_object_set_new(
+        root, "system",
+        json_pack("{s:f, s:I, s:I, s:I, s:I, s:I, s:f, s:f, s:I, s:I, s:I, s:I}", "cpu",
+                  static_cast<double>(s.cpu), "memory",
+                  static_cast<json_int_t>(static_cast<uint32_t>(total) -
+                                          static_cast<uint32_t>(available)),
+                  "memtotal", static_cast<json_int_t>(total), "memavai",
+                  static_cast<json_int_t>(available), "swap_total",
+                  static_cast<json_int_t>(s.swap_total), "swap_used",
+                  static_cast<json_int_t>(s.swap_used), "swap_usage",
+                  static_cast<double>(s.swap_usage), "cpu_iowait_percent",
+                  static_cast<double>(s.cpu_iowait_percent), "cpunum",
+                  static_cast<json_int_t>(s.cpunum), "procnum", static_cast<json_int_t>(s.procnum),
+                  "threadnum", static_cast<json_int_t>(s.threadnum), "handlenum",
+                  static_cast<json_int_t>(s.handlenum)));
+  }
+  json_t* list = json_array();
+  for (size_t i = 0; i < std::min<size_t>(count, processes.size()); ++i) {
+    const ProcessInfo& p = processes[i];
+    json_array_append_new(
+        list, json_pack("{s:I, s:I, s:f, s:I, s:I, s:I, s:I, s:I, s:s, s:s}", "pid",
+                        static_cast<json_int_t>(p.pid), "ppid", static_cast<json_int_t>(p.parentid),
+                        "cpu", static_cast<double>(p.cpu), "memory",
+                        static_cast<json_int_t>(p.memory), "threads",
+                        static_cast<json_int_t>(p.threads), "handles",
+                        static_cast<json_int_t>(p.handles), "iorspeed",
+                        static_cast<json_int_t>(p.iorspeed), "iowspeed",
+                        static_cast<json_int_t>(p.iowspeed), "image", p.image.c_str(), "path",
+                        p.path.c_str()));
+  }
+  json_object_set_new(root, "processes", list);
+  char* text = json_dumps(root, JSON_COMPACT);
+  std::printf("%s\n", text ? text : "{}");
+  std::free(text);
+  json_decref(root);
+}
+
+void PrintProcesses(const std::vector<ProcessInfo>& processes, unsigned int count,
+                    unsigned int interval) {
   const size_t shown = std::min<size_t>(count, processes.size());
   std::printf(
       "\nprocesses: the %zu busiest of %zu over %u s (C %% of the machine, M KiB, R and W "
@@ -148,32 +200,19 @@ void PrintProcesses(std::vector<ProcessInfo>& processes, unsigned int count,
 int TopMain(int argc, char** argv) {
   unsigned int count = 10;
   unsigned int interval = 1;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return kExitOk;
-    }
-    std::string value;
-    if (arg == "-n" || arg == "--interval") {
-      if (i + 1 >= argc) return UsageError(arg + " needs a value");
-      value = argv[++i];
-    } else if (arg.rfind("--interval=", 0) == 0) {
-      value = arg.substr(arg.find('=') + 1);
-      arg = "--interval";
-    } else if (arg.rfind("-n", 0) == 0 && arg.size() > 2) {
-      value = arg.substr(2);
-      arg = "-n";
-    } else {
-      return UsageError("unknown argument '" + arg + "'");
-    }
-    if (arg == "-n" && !ParsePositive(value, INT_MAX, count)) {
-      return UsageError("-n takes a number above 0, not '" + value + "'");
-    }
-    if (arg == "--interval" && !ParsePositive(value, kMaxInterval, interval)) {
-      return UsageError("--interval takes whole seconds from 1 to " + std::to_string(kMaxInterval) +
-                        ", not '" + value + "'");
-    }
+  std::map<std::string, std::string> values;
+  std::vector<std::string> operands;
+  const int parsed = ParseCommandLine(
+      "top", kUsage, argc, argv, {{"lines", 'n', true}, {"interval", 0, true}, {"json", 0, false}},
+      values, operands);
+  if (parsed != -1) return parsed;
+  if (!operands.empty()) return UsageError("unexpected argument '" + operands[0] + "'");
+  if (values.count("--lines") && !ParsePositive(values["--lines"], INT_MAX, count)) {
+    return UsageError("-n takes a number above 0, not '" + values["--lines"] + "'");
+  }
+  if (values.count("--interval") && !ParsePositive(values["--interval"], kMaxInterval, interval)) {
+    return UsageError("--interval takes whole seconds from 1 to " + std::to_string(kMaxInterval) +
+                      ", not '" + values["--interval"] + "'");
   }
 
   int rc = nuv_config_data_source(NUV_PERF_MONITOR_ALL, static_cast<int>(interval));
@@ -195,6 +234,11 @@ int TopMain(int argc, char** argv) {
   if (!got) {
     std::fprintf(stderr, "nuvctl top: no sample arrived within %u s\n", 2 * interval + 10);
     return kExitFailure;
+  }
+  SortBusiest(sample.processes);
+  if (values.count("--json")) {
+    PrintJson(sample, sample.processes, count);
+    return kExitOk;
   }
   if (sample.hasSystem) {
     PrintSystem(sample.system);
