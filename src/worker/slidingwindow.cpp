@@ -181,7 +181,10 @@ CError CSlidingWindow::Insert(const Sample& sample, WindowState& state) {
       return result;
     }
     // A full window drops its oldest cell for the new one.
-    cells_.push_front(cell);
+    if (cells_.capacity() < blockCounts_ + 1) {
+      cells_.reserve(blockCounts_ + 1);
+    }
+    cells_.insert(cells_.begin(), cell);
     if (cells_.size() > blockCounts_) {
       delete cells_.back();
       cells_.pop_back();

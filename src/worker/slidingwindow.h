@@ -4,7 +4,6 @@
 #define NUV_WORKER_SLIDINGWINDOW_H
 
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -77,7 +76,9 @@ class CSlidingWindow {
   void DeleteCells();
   void CopyConfiguration(const CSlidingWindow& other);
 
-  std::deque<CCell*> cells_;  // newest at the front
+  // Newest at the front. A vector sized to the window: a deque's first block alone would
+  // outweigh a whole window of pointers, and a host keeps a window per worker.
+  std::vector<CCell*> cells_;
   uint32_t blockCounts_ = 0;
   uint32_t frequency_ = 0;
   uint32_t cycle_ = 0;

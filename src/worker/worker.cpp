@@ -1,8 +1,11 @@
 #include "worker/worker.h"
 
+#include <iterator>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <type_traits>
+#include <unordered_map>
 #include <utility>
 
 #include "common/log.h"
@@ -37,6 +40,40 @@ class DeliveryRef {
   CWorker& worker_;
 };
 
+// Everything a worker reads of its definition: all but the pid, which only makes the key.
+bool SameDefinition(const CMonitorData& a, const CMonitorData& b) {
+  return a.id == b.id && a.agent_id == b.agent_id && a.name == b.name &&
+         a.subscriber == b.subscriber && a.version == b.version && a.product == b.product &&
+         a.product_version == b.product_version && a.focus == b.focus &&
+         a.handler == b.handler && a.condition == b.condition &&
+         a.dependent_id == b.dependent_id && a.data_type == b.data_type && a.image == b.image;
+}
+
+// One copy per definition however many processes it watches.
+std::shared_ptr<const CMonitorData> SharedDefinition(const CMonitorData& monitor) {
+  constexpr size_t kPruneAbove = 4096;
+  static std::mutex mutex;
+  static std::unordered_map<std::string, std::weak_ptr<const CMonitorData>> byID;
+  std::lock_guard<std::mutex> lock(mutex);
+  std::shared_ptr<const CMonitorData> held = byID[monitor.id].lock();
+  if (held != nullptr && SameDefinition(*held, monitor)) {
+    return held;
+  }
+  if (byID.size() > kPruneAbove) {
+    for (auto it = byID.begin(); it != byID.end();) {
+      it = it->second.expired() ? byID.erase(it) : std::next(it);
+    }
+  }
+  held = std::make_shared<const CMonitorData>(monitor);
+  byID[monitor.id] = held;
+  return held;
+}
+
+std::shared_ptr<const CMonitorData> EmptyDefinition() {
+  static const std::shared_ptr<const CMonitorData> empty = std::make_shared<CMonitorData>();
+  return empty;
+}
+
 void ReportPostFailure(const std::string& text) {
   ZLOG_ERROR("[CWorker]::Execute post message failed, message = %s.", text.c_str());
 }
@@ -65,7 +102,7 @@ CWorker& CWorker::operator=(const CWorker& other) {
 }
 
 CWorker::CWorker(CWorker&& other) noexcept
-    : monitor_(std::move(other.monitor_)),
+    : monitor_(std::exchange(other.monitor_, EmptyDefinition())),
       key_(std::move(other.key_)),
       children_(std::move(other.children_)),
       hasParent_(other.hasParent_),
@@ -77,7 +114,7 @@ CWorker::CWorker(CWorker&& other) noexcept
 
 CWorker& CWorker::operator=(CWorker&& other) noexcept {
   if (this != &other) {
-    monitor_ = std::move(other.monitor_);
+    monitor_ = std::exchange(other.monitor_, EmptyDefinition());
     key_ = std::move(other.key_);
     children_ = std::move(other.children_);
     hasParent_ = other.hasParent_;
@@ -90,23 +127,23 @@ CWorker& CWorker::operator=(CWorker&& other) noexcept {
 }
 
 CError CWorker::CreateWorker(const CMonitorData& monitor) {
-  monitor_ = monitor;
-  hasParent_ = !monitor_.dependent_id.empty();
-  key_ = CreateKey(monitor_.image, static_cast<unsigned int>(monitor_.pid));
+  monitor_ = SharedDefinition(monitor);
+  hasParent_ = !monitor.dependent_id.empty();
+  key_ = CreateKey(monitor.image, static_cast<unsigned int>(monitor.pid));
   alarm_ = 0;
   CError result;
   const int frequency = CCollectSdkCfg::GetInstance()->GetCollectFrequency();
   if (frequency <= 0) {
     // The window's slot arithmetic needs a positive sampling period.
     ZLOG_ERROR("[CWorker]::CreateWorker failed. collect frequency = %d, condition = %s.",
-               frequency, monitor_.condition.c_str());
+               frequency, monitor.condition.c_str());
     window_.Reset();
-    result = CError::CreateError(106, "express failed, express = %s", monitor_.condition.c_str());
+    result = CError::CreateError(106, "express failed, express = %s", monitor.condition.c_str());
   } else {
-    result = window_.SetCondition(monitor_.condition, static_cast<unsigned int>(frequency));
+    result = window_.SetCondition(monitor.condition, static_cast<unsigned int>(frequency));
     if (!result.IsSuccess()) {
       ZLOG_ERROR("[CWorker]::CreateWorker failed. set condition failed, condition = %s.",
-                 monitor_.condition.c_str());
+                 monitor.condition.c_str());
     }
   }
   if (!result.IsSuccess()) {
@@ -120,7 +157,14 @@ void CWorker::Reset() {
   key_.clear();
   hasParent_ = false;
   nuv_atomic32_set(&refCount_, 0);
-  monitor_.Clear();
+  if (monitor_ == nullptr || monitor_->agent_id.empty()) {
+    monitor_ = EmptyDefinition();
+  } else {
+    // A reused record keeps its agent_id.
+    auto cleared = std::make_shared<CMonitorData>(*monitor_);
+    cleared->Clear();
+    monitor_ = std::move(cleared);
+  }
   children_.clear();
 }
 
@@ -177,12 +221,12 @@ void CWorker::FindWokerByKey(const std::string& key, std::vector<CWorker*>& out)
 }
 
 void CWorker::FindWokerByID(const std::string& id, std::vector<CWorker*>& out) {
-  Find([&id](const CWorker& w) { return w.monitor_.id == id; }, out);
+  Find([&id](const CWorker& w) { return w.monitor_->id == id; }, out);
 }
 
 void CWorker::FindWorker(const std::string& key, const std::string& id,
                          std::vector<CWorker*>& out) {
-  Find([&key, &id](const CWorker& w) { return w.key_ == key && w.monitor_.id == id; }, out);
+  Find([&key, &id](const CWorker& w) { return w.key_ == key && w.monitor_->id == id; }, out);
 }
 
 template <typename Match>
@@ -203,16 +247,16 @@ void CWorker::DeleteMatching(const Match& match, Removal removal) {
     // A delivery is still running on it; removal never leaves a worker half-removed.
     if (removal == Removal::kByID) {
       ZLOG_ERROR("[CWorker]::DeleteWorkerByID failed. IsDelete ref, id = %s.",
-                 it->monitor_.id.c_str());
+                 it->monitor_->id.c_str());
     } else {
       ZLOG_ERROR("[CWorker]::DeleteWorkerByKey failed. IsDelete ref, id = %s.",
-                 it->monitor_.id.c_str());
+                 it->monitor_->id.c_str());
     }
   }
 }
 
 bool CWorker::DeleteWorkerByID(const std::string& id) {
-  DeleteMatching([&id](const CWorker& w) { return w.monitor_.id == id; }, Removal::kByID);
+  DeleteMatching([&id](const CWorker& w) { return w.monitor_->id == id; }, Removal::kByID);
   return true;
 }
 
@@ -233,7 +277,7 @@ void CWorker::DestroyWorker() {
       continue;
     }
     ZLOG_ERROR("[CWorker]::DestroyWorker failed. IsDelete ref, id = %s.",
-               it->monitor_.id.c_str());
+               it->monitor_->id.c_str());
   }
 }
 
@@ -271,7 +315,7 @@ CError CWorker::Execute() {
       std::unique_ptr<CCell> cell(raw);
       PostCell(*cell);
     }
-    if (monitor_.id == kProcessPointID) {
+    if (monitor_->id == kProcessPointID) {
       window_.ResetWindow();
     }
   } else {
@@ -300,14 +344,14 @@ void CWorker::PostCell(CCell& cell) {
   std::string text;
   try {
     std::string context;
-    cell.GetString(monitor_, context);
-    const CLogData data(GetProcessName(cell.GetName()), monitor_.id, cell.GetPid(),
+    cell.GetString(*monitor_, context);
+    const CLogData data(GetProcessName(cell.GetName()), monitor_->id, cell.GetPid(),
                         kPerformanceRecordType, context);
     text = data.LogDataToString();
   } catch (const std::bad_alloc&) {
     ZLOG_ERROR("[CWorker]::Execute post message failed, not enough memory, id = %s.",
-               monitor_.id.c_str());
+               monitor_->id.c_str());
     return;
   }
-  CTopicPoster::GetInstance().Post(monitor_.handler, std::move(text), &ReportPostFailure);
+  CTopicPoster::GetInstance().Post(monitor_->handler, std::move(text), &ReportPostFailure);
 }

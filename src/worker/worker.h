@@ -4,6 +4,7 @@
 #define NUV_WORKER_WORKER_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,10 +39,10 @@ class CWorker {
   void Reset();
 
   const std::string& GetKey() const { return key_; }
-  const std::string& GetWorkerID() const { return monitor_.id; }
-  std::string GetHandler() const { return monitor_.handler; }
+  const std::string& GetWorkerID() const { return monitor_->id; }
+  std::string GetHandler() const { return monitor_->handler; }
   // The dependent_id, or "" for an independent worker.
-  std::string GetDependID() const { return hasParent_ ? monitor_.dependent_id : std::string(); }
+  std::string GetDependID() const { return hasParent_ ? monitor_->dependent_id : std::string(); }
   bool HasParents() const { return hasParent_; }
   bool HasChildrens() const { return !children_.empty(); }
   const CSlidingWindow& GetSlidingWindow() const { return window_; }
@@ -88,7 +89,9 @@ class CWorker {
   void DeleteMatching(const Match& match, Removal removal);
   void PostCell(CCell& cell);
 
-  CMonitorData monitor_;
+  // Shared by the workers made from one definition; only their pids differ, and the pid lives
+  // in the key. Never null.
+  std::shared_ptr<const CMonitorData> monitor_;
   std::string key_;
   std::vector<CWorker> children_;
   bool hasParent_ = false;
