@@ -1,8 +1,9 @@
 // Monitoring at the scale of a busy host: a running nuv_maintd, N processes of one copied image,
 // M non-exact monitors registered on that image over the bus one after another (so N x M
 // workers), then the daemon's steady state, then half of the processes killed. Prints one JSON
-// line: the time of the 1st, middle and last registration, the daemon's RSS and CPU over the
-// steady period, log bytes per minute, and how long the daemon stays busy after the kills.
+// line: the time of the 1st, middle and last registration, the log the registrations wrote,
+// the daemon's RSS and CPU over the steady period, log bytes per minute, and how long the
+// daemon stays busy after the kills.
 //
 //   build/bin/scale_bench [--processes N] [--monitors M] [--steady SECONDS]
 #include <signal.h>
@@ -109,6 +110,7 @@ int main(int argc, char** argv) {
   nuv_comm_init();
   std::vector<double> registration;
   int refused = 0;
+  const long long logBeforeRegistration = FileSize(log);
   const auto allStart = Clock::now();
   for (int i = 0; serving && i < monitors; ++i) {
     const auto start = Clock::now();
@@ -116,6 +118,7 @@ int main(int argc, char** argv) {
     registration.push_back(Seconds(Clock::now() - start));
   }
   const double allRegistered = Seconds(Clock::now() - allStart);
+  const long long registrationLog = FileSize(log) - logBeforeRegistration;
 
   // Steady state: CPU and RSS over the period, log growth per minute.
   const long long cpu0 = CpuTicks(daemon), log0 = FileSize(log);
@@ -155,9 +158,10 @@ int main(int argc, char** argv) {
       "{\"processes\": %zu, \"monitors\": %d, \"refused\": %d, \"register_1st_s\": %.4f, "
       "\"register_mid_s\": %.4f, \"register_last_s\": %.4f, \"register_all_s\": %.2f, "
       "\"steady_s\": %.1f, \"steady_cpu_percent\": %.2f, \"rss_max_kib\": %ld, "
-      "\"log_bytes_per_min\": %.0f, \"removal_busy_s\": %.3f, \"daemon_exit\": %d}\n",
+      "\"registration_log_bytes\": %lld, \"log_bytes_per_min\": %.0f, \"removal_busy_s\": %.3f, "
+      "\"daemon_exit\": %d}\n",
       sleepers.size(), monitors, refused, at(0), at(registration.size() / 2),
       at(registration.size() - 1), allRegistered, steadySeconds, cpuPercent, rssMax,
-      static_cast<double>(log1 - log0) * 60.0 / steadySeconds, removal, daemonExit);
+      registrationLog, static_cast<double>(log1 - log0) * 60.0 / steadySeconds, removal, daemonExit);
   return serving ? 0 : 1;
 }
