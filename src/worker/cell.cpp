@@ -44,16 +44,6 @@ void FillHeader(json_t* header, const CMonitorData& monitor) {
   SetString(header, "agent_id", monitor.agent_id);
 }
 
-ProcessFigures FiguresOf(const ProcessInfo& info) {
-  ProcessFigures f;
-  f.pid = info.pid, f.parentid = info.parentid, f.cpu = info.cpu, f.cputime = info.cputime;
-  f.usertime = info.usertime, f.kerneltime = info.kerneltime, f.totaltime = info.totaltime;
-  f.memory = info.memory, f.memorycommit = info.memorycommit, f.createtime = info.createtime;
-  f.iorspeed = info.iorspeed, f.iowspeed = info.iowspeed, f.readbytes = info.readbytes;
-  f.writebytes = info.writebytes, f.threads = info.threads, f.handles = info.handles;
-  return f;
-}
-
 // The texts of `info`, shared with the cell this thread made last when they are the same: the
 // cells of one sample are made one after another for every worker of its process.
 std::shared_ptr<const ProcessText> TextOf(const ProcessInfo& info) {
@@ -139,7 +129,7 @@ CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& c
 
 CError CProcessCell::ConstructCell(const ProcessInfo& info, const std::string& condition,
                                    CExpress& express) {
-  figures_ = FiguresOf(info);
+  figures_ = info;  // the figures only
   text_ = TextOf(info);
   express.SetAllValue(true);
   express.SetCpuValue(figures_.cpu);

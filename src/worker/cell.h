@@ -49,26 +49,6 @@ struct ProcessText {
   std::string commandline;
 };
 
-// The figures of a process sample, kept by value.
-struct ProcessFigures {
-  uint32_t pid = 0;
-  uint32_t parentid = 0;
-  float cpu = 0.0f;
-  uint64_t cputime = 0;
-  uint64_t usertime = 0;
-  uint64_t kerneltime = 0;
-  uint64_t totaltime = 0;
-  uint64_t memory = 0;
-  uint64_t memorycommit = 0;
-  uint32_t createtime = 0;
-  uint32_t iorspeed = 0;
-  uint32_t iowspeed = 0;
-  uint64_t readbytes = 0;
-  uint64_t writebytes = 0;
-  uint32_t threads = 0;
-  uint32_t handles = 0;
-};
-
 // Each kind evaluates its condition with a parser of its own, or with one that `express` keeps
 // across samples (the same kind and condition every time: its letters are defined once).
 class CProcessCell : public CCell {

@@ -51,12 +51,8 @@ class CMonitorData {
   int32_t pid = 0;        // pid_text in base 10, 0 when not numeric
 };
 
-// One process at one moment, fields in the order of _process_info. Texts are trimmed and
-// lower-cased. A null record gives zeros and empty texts.
-struct ProcessInfo {
-  ProcessInfo() = default;
-  explicit ProcessInfo(const _process_info* info);
-
+// The figures of one process at one moment, in the order of _process_info.
+struct ProcessFigures {
   uint32_t pid = 0;
   uint32_t parentid = 0;
   float cpu = 0.0f;
@@ -73,6 +69,14 @@ struct ProcessInfo {
   uint64_t writebytes = 0;
   uint32_t threads = 0;
   uint32_t handles = 0;
+};
+
+// One process at one moment: its figures and its texts, fields in the order of _process_info.
+// Texts are trimmed and lower-cased. A null record gives zeros and empty texts.
+struct ProcessInfo : ProcessFigures {
+  ProcessInfo() = default;
+  explicit ProcessInfo(const _process_info* info);
+
   std::string image;
   std::string path;
   std::string commandline;
