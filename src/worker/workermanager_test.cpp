@@ -200,6 +200,16 @@ TEST(CWorkerManager, IndexAgreesWithAWalkThroughChurn) {
     }
     return ids;
   };
+  // Removes the workers `match` takes; a root goes with everything under it.
+  const auto drop = [&model](auto match) {
+    std::vector<Live> kept;
+    bool dropping = false;
+    for (const Live& w : model) {
+      if (w.parent.empty()) dropping = match(w);
+      if (!dropping && !match(w)) kept.push_back(w);
+    }
+    model = kept;
+  };
   const auto found = [](const std::vector<CWorker*>& workers) {
     std::vector<std::string> ids;
     for (const CWorker* w : workers) ids.push_back(w->GetWorkerID() + "@" + w->GetKey());
@@ -233,27 +243,13 @@ TEST(CWorkerManager, IndexAgreesWithAWalkThroughChurn) {
         ASSERT_EQ(Add(manager, Monitor(id, "/opt/churn.bin", pid, parent)).code, 0);
         break;
       }
-      case 3: {  // unregistration: roots and dependants of that id
+      case 3:  // unregistration: roots and dependants of that id
         manager.DeleteWorkerByID(id);
-        std::vector<Live> kept;
-        bool dropping = false;
-        for (const Live& w : model) {
-          if (w.parent.empty()) dropping = w.id == id;
-          if (!dropping && w.id != id) kept.push_back(w);
-        }
-        model = kept;
+        drop([&id](const Live& w) { return w.id == id; });
         break;
-      }
-      default: {  // a process exit
+      default:  // a process exit
         manager.DeleteWorkerByKey(key);
-        std::vector<Live> kept;
-        bool dropping = false;
-        for (const Live& w : model) {
-          if (w.parent.empty()) dropping = w.key == key;
-          if (!dropping && w.key != key) kept.push_back(w);
-        }
-        model = kept;
-      }
+        drop([&key](const Live& w) { return w.key == key; });
     }
     std::vector<CWorker*> byKey, byID;
     manager.FindWokerByKeyNolock(key, byKey);
