@@ -162,6 +162,7 @@ int main(int argc, char** argv) {
       "\"daemon_exit\": %d}\n",
       sleepers.size(), monitors, refused, at(0), at(registration.size() / 2),
       at(registration.size() - 1), allRegistered, steadySeconds, cpuPercent, rssMax,
-      registrationLog, static_cast<double>(log1 - log0) * 60.0 / steadySeconds, removal, daemonExit);
+      registrationLog, static_cast<double>(log1 - log0) * 60.0 / steadySeconds, removal,
+      daemonExit);
   return serving ? 0 : 1;
 }

@@ -267,7 +267,9 @@ TEST(BpEndToEndLimits, ManyStreamsUnderALowSoftDescriptorLimit) {
   setenv("NUV_COMM_DIR", tree.Sub("comm").c_str(), 1);
   ASSERT_EQ(nuv_comm_init(), 0);
   int refused = 0;
-  for (int i = 0; i < 400; ++i) refused += Post(Point("/bin/stream" + std::to_string(i) + ":1")) != 0;
+  for (int i = 0; i < 400; ++i) {
+    refused += Post(Point("/bin/stream" + std::to_string(i) + ":1")) != 0;
+  }
   EXPECT_EQ(refused, 0);
   EXPECT_EQ(tree.Stop(), 0);
   nuv_comm_uninit();
@@ -298,9 +300,11 @@ TEST(BpEndToEndMidnight, NamesWithDashesCrossMidnightAndAreListed) {
   ASSERT_EQ(rows.size(), 3u) << ls.out << ls.err;  // a header and one row a day
   const std::string firstDay = rows[1].substr(0, 8), secondDay = rows[2].substr(0, 8);
   EXPECT_NE(firstDay, secondDay);
-  for (const auto& [day, record] : {std::make_pair(firstDay, before), std::make_pair(secondDay, after)}) {
+  const std::pair<std::string, std::string> days[] = {{firstDay, before}, {secondDay, after}};
+  for (const auto& [day, record] : days) {
     EXPECT_NE(rows[day == firstDay ? 1 : 2].find("php-fpm"), std::string::npos);
-    EXPECT_EQ(tree.Nuvctl({"store", "cat", "php-fpm", "0", "256", "--day", day}).out, record + "\n");
+    EXPECT_EQ(tree.Nuvctl({"store", "cat", "php-fpm", "0", "256", "--day", day}).out,
+              record + "\n");
   }
   EXPECT_EQ(tree.Nuvctl({"store", "verify"}).code, 0);
 }

@@ -84,7 +84,8 @@ TEST_F(BpMgrTest, InvalidPointsAreRefusedWithTheirReason) {
       {Point(0, "/bin/a:1"), "302-init file classify failed."},
       // Stored, these would have been cut at the NUL while indexed whole.
       {With("header/id", "\"b3f1\"") + std::string("\0tail", 5),
-       "102-bp data holds a NUL byte at offset " + std::to_string(With("header/id", "\"b3f1\"").size())},
+       "102-bp data holds a NUL byte at offset " +
+           std::to_string(With("header/id", "\"b3f1\"").size())},
       // Names that would step out of the day directory of the store.
       {Point(256, "/usr/bin/..:1"), "102-BP header/focus:/usr/bin/..:1 processname is invalid"},
       {Point(256, ".:1"), "102-BP header/focus:.:1 processname is invalid"},

@@ -82,7 +82,8 @@ TEST(CompressTest, ATarThatIsMissingOrFailsPutsNoArchiveInPlace) {
     uint32_t result = 0;
     Lines lines;
     WithPath(path, [&] {
-      lines = filetest::CaptureLog([&] { result = GenCompressFile(day.c_str(), day.c_str(), "tgz", 60000); });
+      lines = filetest::CaptureLog(
+          [&] { result = GenCompressFile(day.c_str(), day.c_str(), "tgz", 60000); });
     });
     EXPECT_EQ(result, 0x84CE0001u) << path;
     const Lines messages = filetest::Messages(lines, "compress/compress_file.cpp");

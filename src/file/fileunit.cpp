@@ -150,7 +150,8 @@ bool CFileUnit::CutBackToLastRecord() {
   auto cut = [](CFileOperator& file, uint32_t size) {
     return file.GetPath().empty() || file.Truncate(size).IsSuccess();
   };
-  cutPending_ = !cut(index_.GetOperator(), indexEnd_) || !cut(content_.GetOperator(), contentOffset_);
+  cutPending_ =
+      !cut(index_.GetOperator(), indexEnd_) || !cut(content_.GetOperator(), contentOffset_);
   return !cutPending_;
 }
 
@@ -163,11 +164,7 @@ void CFileUnit::Reopen(const CFileClassify& classify) {
   contentPath_ = classify.GetContentPath();
   time_ = classify.GetTime();
   type_ = classify.GetType();
-  indexOffset_ = static_cast<uint32_t>(nuv_file_size(indexPath_.c_str()));
-  indexEnd_ = indexOffset_;
-  contentOffset_ = static_cast<uint32_t>(nuv_file_size(contentPath_.c_str()));
-  flushedIndexOffset_ = 0;
-  flushedContentOffset_ = 0;
+  TakeOpenedSizes();
 }
 
 bool CFileUnit::Reset() {

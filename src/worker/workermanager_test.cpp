@@ -192,7 +192,9 @@ TEST(CWorkerManager, IndexAgreesWithAWalkThroughChurn) {
   };
   std::vector<Live> model;  // roots in list order, each followed by its dependants
   unsigned seed = 7;
-  const auto next = [&seed](unsigned n) { return (seed = seed * 1103515245u + 12345u) / 65536 % n; };
+  const auto next = [&seed](unsigned n) {
+    return (seed = seed * 1103515245u + 12345u) / 65536 % n;
+  };
   const auto expected = [&model](auto match) {
     std::vector<std::string> ids;
     for (const Live& w : model) {
