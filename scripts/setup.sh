@@ -8,12 +8,14 @@ packages=(
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   tar gzip procps socat
-  debootstrap
+  debootstrap clang libclang-rt-14-dev
 )
+# Host-only: the chroot builder and the fuzzing compiler are not needed inside the i386 chroot.
+host_only=" debootstrap clang libclang-rt-14-dev "
 
 missing=()
 for p in "${packages[@]}"; do
-  [ "$p" = debootstrap ] && [ -n "${NUV_SETUP_NO_DEBOOTSTRAP:-}" ] && continue
+  [[ "$host_only" == *" $p "* ]] && [ -n "${NUV_SETUP_NO_DEBOOTSTRAP:-}" ] && continue
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
