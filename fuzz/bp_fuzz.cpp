@@ -7,18 +7,12 @@
 
 #include "buryingpoint/bpmgr.h"
 #include "common/singleton.h"
-#include "config/config_mgr.h"
 #include "file/filemanager.h"
 #include "fuzz_support.h"
 #include "nuv_dir.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  nuvfuzz::QuietLog();
-  const std::string path = nuvfuzz::WorkDir() + "/maintenance.json";
-  const std::string text = nuvfuzz::StoreConfigText();
-  if (!nuvfuzz::WriteAll(path, text.data(), text.size())) return 0;
-  ConfigMgr loader;
-  loader.LoadConfig(path);
+  nuvfuzz::LoadStoreConfig();
   return 0;
 }
 

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "config/config_mgr.h"
 #include "file/fileclassify.h"
 #include "file/fileindex.h"
 #include "file/fileunit.h"
@@ -18,12 +17,7 @@ constexpr unsigned int kMaxRecordUntilBounded = 64u << 20;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  nuvfuzz::QuietLog();
-  const std::string path = nuvfuzz::WorkDir() + "/maintenance.json";
-  const std::string text = nuvfuzz::StoreConfigText();
-  if (!nuvfuzz::WriteAll(path, text.data(), text.size())) return 0;
-  ConfigMgr loader;
-  loader.LoadConfig(path);
+  nuvfuzz::LoadStoreConfig();
   return 0;
 }
 
