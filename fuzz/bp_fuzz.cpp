@@ -8,7 +8,7 @@
 #include "buryingpoint/bpmgr.h"
 #include "common/singleton.h"
 #include "file/filemanager.h"
-#include "fuzz_support.h"
+#include "fuzz_store.h"
 #include "nuv_dir.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <string>
 
-#include "config/config_mgr.h"
 #include "nuv_log.h"
 
 namespace nuvfuzz {
@@ -57,16 +56,6 @@ inline std::string StoreConfigText() {
       "clearn": {"day": 7, "file_size": 1}},
       "addition": {"small": {"file": {"path": ")" + dir + R"(/small", "cache": 1},
                              "clearn": {"day": 1, "file_size": 1}, "bp_type": 8192}}})";
-}
-
-// Silences the log and loads StoreConfigText() through the real loader.
-inline void LoadStoreConfig() {
-  QuietLog();
-  const std::string path = WorkDir() + "/maintenance.json";
-  const std::string text = StoreConfigText();
-  if (!WriteAll(path, text.data(), text.size())) return;
-  ConfigMgr loader;
-  loader.LoadConfig(path);
 }
 
 }  // namespace nuvfuzz

@@ -9,7 +9,7 @@
 #include "file/fileclassify.h"
 #include "file/fileindex.h"
 #include "file/fileunit.h"
-#include "fuzz_support.h"
+#include "fuzz_store.h"
 #include "nuv_dir.h"
 
 namespace {
