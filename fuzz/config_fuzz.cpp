@@ -8,11 +8,7 @@
 #include "config/config_addition.h"
 #include "config/config_check.h"
 #include "config/config_clearn.h"
-#include "config/config_collect.h"
-#include "config/config_file.h"
 #include "config/config_mgr.h"
-#include "config/config_perfor.h"
-#include "config/config_queue.h"
 #include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -39,11 +35,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (__builtin_mul_overflow(keep, 86400, &seconds)) __builtin_trap();
     }
   }
-  CMessageQueueCfg::ReleaseInstance();
-  CCollectSdkCfg::ReleaseInstance();
-  CPerforMonitorCfg::ReleaseInstance();
-  CMaintainceLogCfg::ReleaseInstance();
-  CClearnCfg::ReleaseInstance();
-  CAdditionCtrlor::ReleaseInstance();
+  ConfigMgr::ReleaseSections();
   return 0;
 }
