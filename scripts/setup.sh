@@ -9,12 +9,14 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev
   tar gzip procps socat
   dpkg-dev
-  debootstrap
+  debootstrap clang libclang-rt-14-dev
 )
+# Host-only: the chroot builder and the fuzzing compiler are not needed inside the i386 chroot.
+host_only=" debootstrap clang libclang-rt-14-dev "
 
 missing=()
 for p in "${packages[@]}"; do
-  [ "$p" = debootstrap ] && [ -n "${NUV_SETUP_NO_DEBOOTSTRAP:-}" ] && continue
+  [[ "$host_only" == *" $p "* ]] && [ -n "${NUV_SETUP_NO_DEBOOTSTRAP:-}" ] && continue
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0

@@ -23,17 +23,27 @@ static struct pool_entry *p_head;
 /* Bumped by a clear: connections taken before it are not given back. */
 static unsigned int p_gen;
 
+/* 1 when the server closed `fd` (idle time-out, a full topic, a restart): it is readable with
+ * nothing owed to us, so only the end of the stream (or an error) can be waiting there. */
+static int closed_by_server(int fd) {
+  struct pollfd p = {.fd = fd, .events = POLLIN};
+  return poll(&p, 1, 0) != 0;
+}
+
 static int pool_take(const char *topic, unsigned int *gen) {
-  int fd = -1;
-  pthread_mutex_lock(&p_mu);
-  *gen = p_gen;
-  for (struct pool_entry *e = p_head; e; e = e->next) {
-    if (strcmp(e->topic, topic) != 0) continue;
-    if (e->n > 0) fd = e->fds[--e->n];
-    break;
+  for (;;) {
+    int fd = -1;
+    pthread_mutex_lock(&p_mu);
+    *gen = p_gen;
+    for (struct pool_entry *e = p_head; e; e = e->next) {
+      if (strcmp(e->topic, topic) != 0) continue;
+      if (e->n > 0) fd = e->fds[--e->n];
+      break;
+    }
+    pthread_mutex_unlock(&p_mu);
+    if (fd < 0 || !closed_by_server(fd)) return fd;
+    close(fd); /* dropped by the server while pooled: try the next one, or connect anew */
   }
-  pthread_mutex_unlock(&p_mu);
-  return fd;
 }
 
 static void pool_give(const char *topic, int fd, unsigned int gen) {
@@ -69,12 +79,24 @@ void nuv__client_pool_clear(void) {
   }
 }
 
+int nuv__comm_trusted_server(int fd) {
+  struct ucred cred;
+  socklen_t len = sizeof cred;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) return -1;
+  return cred.uid == geteuid() || cred.uid == 0 ? 0 : -1;
+}
+
 /* Connects to the topic's socket by `deadline`. 0 with *out set, or a bus code. */
 static int open_conn(const char *dir, const char *topic, int64_t deadline, int *out) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return NUV_COMM_E_SYSTEM;
   for (;;) {
     if (nuv__comm_connect_at(fd, dir, -1, topic) == 0) {
+      /* Whoever serves the topic gets what we post: only ourselves or root. */
+      if (nuv__comm_trusted_server(fd) != 0) {
+        close(fd);
+        return NUV_COMM_E_UNTRUSTED;
+      }
       *out = fd;
       return 0;
     }

@@ -58,6 +58,7 @@ static void read_config(void) {
   }
   g_cfg.max_msg = env_uint("NUV_COMM_MAX_MSG", 4u << 20, 0, UINT32_MAX - 8);
   g_cfg.max_conn = env_uint("NUV_COMM_MAX_CONN", 64, 1, 4096);
+  g_cfg.idle_ms = env_uint("NUV_COMM_IDLE_MS", 30000, 1, INT32_MAX);
   __atomic_store_n(&g_timeout_cfg, env_uint("NUV_COMM_TIMEOUT_MS", 5000, 1, INT32_MAX),
                    __ATOMIC_RELAXED);
 }
@@ -215,6 +216,7 @@ int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_da
   memcpy(t->dir, g_cfg.dir, sizeof t->dir);
   t->max_msg = g_cfg.max_msg;
   t->max_conn = g_cfg.max_conn;
+  t->idle_ms = g_cfg.idle_ms;
   /* Listed while starting, so a second register of the name in this process is refused. */
   t->next = g_topics;
   g_topics = t;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "nuv_comm.h"
+#include "nuv_syscall.h"
 #include "testutil/testutil.h"
 
 extern char** environ;
@@ -463,3 +464,138 @@ TEST(CommServer, HandlerMayUnregisterItsOwnTopic) {
 }
 
 }  // namespace
+
+// ---- peers that hold connections, hijack topics or break accept ----
+
+namespace hostile {
+
+// NUV_COMM_IDLE_MS for the buses made in its scope.
+struct IdleMs {
+  explicit IdleMs(const char* ms) { setenv("NUV_COMM_IDLE_MS", ms, 1); }
+  ~IdleMs() { unsetenv("NUV_COMM_IDLE_MS"); }
+};
+
+// True when the server closed `fd` (it reads the end of the stream).
+bool Closed(int fd) { return RecvRaw(fd, 1).empty(); }
+
+TEST(CommLiveness, IdleConnectionsGiveWayToPostersAndTimeOut) {
+  IdleMs idle("1500");
+  Bus bus;
+  Recorder rec;
+  ASSERT_EQ(nuv_comm_register("crowd", Recorder::Handle, &rec), 0);
+  // Twice the cap of 64: each one past the cap pushes out the one idle the longest.
+  std::vector<int> idlers;
+  for (int i = 0; i < 100; ++i) {
+    idlers.push_back(RawConnect(bus.Path("crowd")));
+    ASSERT_GE(idlers.back(), 0);
+    std::this_thread::sleep_for(1ms);  // an order of age the server can see
+  }
+  Peer poster({"post", "crowd", "3", "p"});
+  EXPECT_EQ(poster.Reap(), 0);
+  int fd = RawConnect(bus.Path("crowd"));
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(RawExchange(fd, "in"), Reply(Fnv1a("in")));
+  // The oldest went first; the 60 newest idle ones are still served.
+  EXPECT_TRUE(Closed(idlers.front()));
+  EXPECT_EQ(RawExchange(idlers.back(), "late"), Reply(Fnv1a("late")));
+  EXPECT_EQ(rec.calls.load(), 5);
+  // Left idle, every connection is closed after the idle time.
+  for (int idler : idlers) {
+    EXPECT_TRUE(Closed(idler));
+    close(idler);
+  }
+  EXPECT_TRUE(Closed(fd));
+  close(fd);
+}
+
+TEST(CommLiveness, APooledConnectionTheServerClosedReconnectsUnnoticed) {
+  Bus bus;
+  Peer server({"serve", "sleepy"}, {"NUV_COMM_IDLE_MS=100"});
+  ASSERT_TRUE(server.Said("ready"));
+  for (const char* msg : {"a", "b", "c"}) {
+    EXPECT_EQ(Post("sleepy", msg), int(Fnv1a(msg))) << msg;
+    std::this_thread::sleep_for(300ms);  // the pooled connection is closed meanwhile
+  }
+  EXPECT_EQ(server.FinishServing(), 3);
+}
+
+// With failing accepts (out of descriptors) the listener backs off and serves afterwards.
+std::atomic<int> g_refusals{0};
+int RefusingAccept(int fd, sockaddr* addr, socklen_t* len, int flags) {
+  if (g_refusals.fetch_sub(1) > 0) {
+    errno = EMFILE;
+    return -1;
+  }
+  return reinterpret_cast<nuv_sys_accept4_fn>(nuv_sys_real(NUV_SYS_ACCEPT4))(fd, addr, len, flags);
+}
+
+TEST(CommLiveness, FailingAcceptsDelayButDoNotStopTheListener) {
+  Bus bus;
+  Recorder rec;
+  ASSERT_EQ(nuv_comm_register("accept", Recorder::Handle, &rec), 0);
+  g_refusals = 5;
+  nuv_sys_override(NUV_SYS_ACCEPT4, reinterpret_cast<nuv_sys_fn>(RefusingAccept));
+  int fd = RawConnect(bus.Path("accept"));
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(RawExchange(fd, "x"), Reply(Fnv1a("x")));
+  nuv_sys_override(NUV_SYS_ACCEPT4, nullptr);
+  EXPECT_LE(g_refusals.load(), 0);
+  close(fd);
+}
+
+TEST(CommSecurity, ADirectoryOthersMayWriteToIsRefused) {
+  Bus bus;
+  Recorder rec;
+  ASSERT_EQ(mkdir(bus.dir_.c_str(), 0700), 0);
+  for (mode_t mode : {01777, 0770, 0722}) {
+    ASSERT_EQ(chmod(bus.dir_.c_str(), mode), 0);
+    errno = 0;
+    EXPECT_EQ(nuv_comm_register("open", Recorder::Handle, &rec), NUV_COMM_E_SYSTEM) << mode;
+    EXPECT_EQ(errno, EPERM);
+  }
+  ASSERT_EQ(chmod(bus.dir_.c_str(), 0755), 0);
+  EXPECT_EQ(nuv_comm_register("open", Recorder::Handle, &rec), 0);
+}
+
+// Someone else bound a topic first in a directory everyone may write to: a client (root here)
+// does not post to it.
+TEST(CommSecurity, AClientRefusesAServerOfAnotherUid) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a server under another uid";
+  Bus bus;
+  ASSERT_EQ(chmod(bus.tmp.path().c_str(), 0711), 0);
+  ASSERT_EQ(mkdir(bus.dir_.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(bus.dir_.c_str(), 01777), 0);
+  const std::string path = bus.Path("maintenance:POST");
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    // The hijacker: exit code = the frames it received.
+    if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+        setresuid(65534, 65534, 65534) != 0)
+      _exit(100);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un sa = {};
+    sa.sun_family = AF_UNIX;
+    snprintf(sa.sun_path, sizeof sa.sun_path, "%s", path.c_str());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(fd, 8) != 0)
+      _exit(101);
+    if (write(ready[1], "r", 1) != 1) _exit(102);
+    int frames = 0;
+    struct timeval tv = {3, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    for (int c; (c = accept(fd, nullptr, nullptr)) >= 0; close(c)) {
+      setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+      if (RecvRaw(c, 4).size() == 4) ++frames;
+    }
+    _exit(frames);
+  }
+  char r = 0;
+  ASSERT_EQ(read(ready[0], &r, 1), 1);
+  EXPECT_EQ(Post("maintenance:POST", "root's burying point"), NUV_COMM_E_UNTRUSTED);
+  EXPECT_EQ(nuvtest::WaitExit(pid), 0);
+  close(ready[0]);
+  close(ready[1]);
+}
+
+}  // namespace hostile

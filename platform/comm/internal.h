@@ -49,6 +49,7 @@ struct nuv__comm_cfg {
   char dir[PATH_MAX];
   unsigned int max_msg;
   unsigned int max_conn;
+  unsigned int idle_ms;
 };
 
 /* The current time-out in milliseconds (override, else configured). */
@@ -68,9 +69,10 @@ struct nuv__topic {
   int refs;    /* guarded by mu */
   int closing; /* guarded by mu */
   struct nuv__conn *conns;
-  unsigned int nconns;
+  unsigned int nconns;  /* connections with a thread, evicted ones included */
+  unsigned int nevicted; /* of those, the ones shut down to make room, not yet gone */
 
-  unsigned int max_msg, max_conn;
+  unsigned int max_msg, max_conn, idle_ms;
   char dir[PATH_MAX];
   int dir_fd, listen_fd, wake[2];
   dev_t dev;
@@ -92,6 +94,12 @@ int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply);
  * code. On failure nothing is left open. */
 int nuv__server_start(struct nuv__topic *t);
 
+/* Serves the requests of one connection on `fd` until the peer goes, breaks the protocol, is
+ * too slow within a frame, or stays idle longer than t->idle_ms. `c` (may be NULL) is the
+ * connection's record, whose idle mark lets a full topic drop it first. */
+struct nuv__conn;
+void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd);
+
 /* Stops the listener, removes the socket file if it is still ours and shuts the read side of
  * every connection: idle ones end, busy ones end after sending their answer. */
 void nuv__server_stop(struct nuv__topic *t);
@@ -105,6 +113,10 @@ int nuv__comm_thread(pthread_t *tid, void *(*fn)(void *), void *arg, int detache
 /* Sends `data` to the server of `topic` in `dir` and returns the result or a bus code. */
 int nuv__client_post(const char *dir, const char *topic, const comm_data *data,
                      unsigned int max_msg);
+
+/* 0 when the server at the other end of the connected socket `fd` runs under our effective uid
+ * or root's (SO_PEERCRED), else -1. */
+int nuv__comm_trusted_server(int fd);
 
 /* Closes every pooled connection; connections in use are closed when given back. */
 void nuv__client_pool_clear(void);

@@ -13,6 +13,7 @@
 
 #include "internal.h"
 #include "nuv_syscall.h"
+#include "nuv_thread.h"
 
 /* Not a valid topic name, so it cannot collide with a socket. */
 #define LOCK_NAME "~lock"
@@ -23,6 +24,11 @@ struct nuv__conn {
   int fd;
   struct nuv__topic *t;
   struct nuv__conn *prev, *next;
+  /* Atomic: monotonic ms since it waits for a request, 0 while busy, -1 once evicted. The
+   * serving thread and an eviction each claim the connection with a compare-and-swap, so a
+   * request is either served in full or dropped before its handler runs, never both. */
+  int64_t idle_since;
+  int evicted; /* guarded by t->mu */
 };
 
 int nuv__comm_thread(pthread_t *tid, void *(*fn)(void *), void *arg, int detached) {
@@ -32,11 +38,7 @@ int nuv__comm_thread(pthread_t *tid, void *(*fn)(void *), void *arg, int detache
   /* Up to max_conn threads per topic must fit in a 32-bit address space. */
   if (sizeof(void *) == 4) pthread_attr_setstacksize(&attr, 1024u * 1024u);
   if (detached) pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  sigset_t all, old;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &old);
-  rc = pthread_create(tid, &attr, fn, arg);
-  pthread_sigmask(SIG_SETMASK, &old, NULL);
+  rc = nuv_pthread_create_masked(tid, &attr, fn, arg);
   pthread_attr_destroy(&attr);
   return rc;
 }
@@ -79,6 +81,12 @@ static int ensure_dir(const char *dir) {
     return -1;
   }
   if (st.st_uid != geteuid() && st.st_uid != 0) {
+    errno = EPERM;
+    return -1;
+  }
+  /* Anyone who may write here could bind a topic first and receive what is posted to it
+   * (the sticky bit does not stop that), so such a directory is refused. */
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     errno = EPERM;
     return -1;
   }
@@ -157,14 +165,34 @@ static int reply(int fd, int result, int64_t deadline) {
   return nuv__comm_send_all(fd, &iov, 1, deadline);
 }
 
-/* Serves requests until the peer goes, breaks the protocol or is too slow. */
-static void serve(struct nuv__topic *t, int fd) {
+#define EVICTED ((int64_t)-1)
+
+/* Marks the connection idle since `since`; 0 when it was evicted meanwhile. */
+static int mark_idle(struct nuv__conn *c, int64_t since) {
+  if (!c) return 1;
+  int64_t busy = 0;
+  return __atomic_compare_exchange_n(&c->idle_since, &busy, since, 0, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE);
+}
+
+/* Marks it busy; 0 when it was evicted first (its request is then not served). */
+static int mark_busy(struct nuv__conn *c, int64_t since) {
+  return !c || __atomic_compare_exchange_n(&c->idle_since, &since, 0, 0, __ATOMIC_ACQ_REL,
+                                           __ATOMIC_ACQUIRE);
+}
+
+void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
   unsigned char *buf = NULL;
   size_t cap = 0;
   unsigned char hdr[4];
   for (;;) {
-    /* Idle connections wait for ever; once a frame starts, the rest must follow in time. */
-    if (nuv__comm_recv_all(fd, hdr, 1, -1, 1) != 0) break;
+    /* An idle connection is closed after idle_ms; once a frame starts, the rest must follow
+     * within the time-out. */
+    int64_t idle = nuv__comm_now_ms();
+    if (idle < 1) idle = 1;
+    if (!mark_idle(c, idle)) break;
+    if (nuv__comm_recv_all(fd, hdr, 1, idle + (int64_t)t->idle_ms, 1) != 0) break;
+    if (!mark_busy(c, idle)) break;
     int64_t deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
     if (nuv__comm_recv_all(fd, hdr + 1, 3, deadline, 0) != 0) break;
     uint32_t len = nuv__comm_get_le32(hdr);
@@ -202,12 +230,40 @@ static void unlink_conn(struct nuv__topic *t, struct nuv__conn *c) {
   else t->conns = c->next;
   if (c->next) c->next->prev = c->prev;
   t->nconns--;
+  if (c->evicted) t->nevicted--;
+}
+
+/* With t->mu held, at the cap: shuts down the connection that has been idle longest, so that
+ * its thread ends and a new connection can be served. 0 when one was found, else -1. A client
+ * whose pooled connection goes this way reconnects on its next post. */
+static int evict_oldest_idle(struct nuv__topic *t) {
+  struct nuv__conn *oldest = NULL;
+  int64_t oldest_since = 0;
+  for (;;) {
+    for (struct nuv__conn *c = t->conns; c; c = c->next) {
+      int64_t since = __atomic_load_n(&c->idle_since, __ATOMIC_ACQUIRE);
+      if (since > 0 && (!oldest || since < oldest_since)) {
+        oldest = c;
+        oldest_since = since;
+      }
+    }
+    if (!oldest) return -1;
+    if (__atomic_compare_exchange_n(&oldest->idle_since, &oldest_since, EVICTED, 0,
+                                    __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+      break;
+    }
+    oldest = NULL; /* it became busy meanwhile: look again */
+  }
+  oldest->evicted = 1;
+  t->nevicted++;
+  shutdown(oldest->fd, SHUT_RDWR);
+  return 0;
 }
 
 static void *conn_main(void *arg) {
   struct nuv__conn *c = arg;
   struct nuv__topic *t = c->t;
-  serve(t, c->fd);
+  nuv__comm_serve(t, c, c->fd);
   /* Off the list before the fd closes, so a stop never shuts down a recycled fd. */
   pthread_mutex_lock(&t->mu);
   unlink_conn(t, c);
@@ -225,7 +281,10 @@ static int start_conn(struct nuv__topic *t, int fd) {
   c->fd = fd;
   c->t = t;
   pthread_mutex_lock(&t->mu);
-  if (t->closing || t->nconns >= t->max_conn) {
+  if (t->closing ||
+      (t->nconns - t->nevicted >= t->max_conn && evict_oldest_idle(t) != 0) ||
+      t->nconns >= 2 * t->max_conn) {
+    /* Over the cap with nobody idle to drop, or too many dropped ones still ending. */
     pthread_mutex_unlock(&t->mu);
     free(c);
     return -1;

@@ -12,13 +12,20 @@
  *   NUV_COMM_TIMEOUT_MS  send and receive time-out of a remote post, and of the rest of a
  *                        frame once its first byte arrived at a server (default 5000).
  *   NUV_COMM_MAX_MSG     largest message in bytes, either direction (default 4 MiB).
- *   NUV_COMM_MAX_CONN    connections served at once per topic (default 64); more are closed at
- *                        once.
+ *   NUV_COMM_MAX_CONN    connections served at once per topic (default 64). At the cap, the
+ *                        connection idle the longest is closed to make room; with none idle,
+ *                        a new connection is closed at once.
+ *   NUV_COMM_IDLE_MS     a server closes a connection that waits this long for a request
+ *                        (default 30000). Clients notice a pooled connection that was closed
+ *                        and reconnect without failing the post.
  *
  * Topic names: 1 to 100 bytes of letters, digits and ":._-", but not "." or "..".
  *
- * A listener serves only peers whose uid (SO_PEERCRED) is its own or 0. The bus is not
- * fork-safe: a child of a process using it must exec before using it. */
+ * A listener serves only peers whose uid (SO_PEERCRED) is its own or 0, and a client posts
+ * only to a server whose uid is its own or 0 (NUV_COMM_E_UNTRUSTED otherwise). A socket
+ * directory that group or others may write to is refused by register (NUV_COMM_E_SYSTEM,
+ * errno EPERM): anyone could bind a topic there first. The bus is not fork-safe: a child of a
+ * process using it must exec before using it. */
 #ifndef NUV_COMM_H
 #define NUV_COMM_H
 
@@ -36,6 +43,7 @@ NUV_BEGIN_DECLS
 #define NUV_COMM_E_BUSY ((int)0x4E430006)    /* the topic is served by a live owner */
 #define NUV_COMM_E_CONN ((int)0x4E430007)    /* server refused or dropped us, or spoke badly */
 #define NUV_COMM_E_SYSTEM ((int)0x4E430008)  /* a system call failed; errno tells which */
+#define NUV_COMM_E_UNTRUSTED ((int)0x4E430009) /* the topic's server is neither us nor root */
 
 #define NUV_COMM_TOPIC_MAX 100
 
@@ -74,7 +82,7 @@ NUV_API int nuv_comm_unregister(const char *topic);
  * goes over a pooled connection (a new one when none is idle), reconnecting once if the server
  * went away. `data` stays the caller's. Returns the handler's result, or NUV_COMM_E_NOTOPIC,
  * NUV_COMM_E_TIMEOUT, NUV_COMM_E_TOOBIG, NUV_COMM_E_NOINIT, NUV_COMM_E_INVAL, NUV_COMM_E_CONN,
- * NUV_COMM_E_SYSTEM. Not a cancellation point. Thread-safe. */
+ * NUV_COMM_E_SYSTEM, NUV_COMM_E_UNTRUSTED. Not a cancellation point. Thread-safe. */
 NUV_API int nuv_comm_post(const char *topic, comm_data *data);
 
 /* 1 when this process serves `topic` (a post to it is handled on the calling thread), else 0.

@@ -7,6 +7,8 @@
 #ifndef NUV_THREAD_H
 #define NUV_THREAD_H
 
+#include <pthread.h>
+
 #include "nuv_api.h"
 
 NUV_BEGIN_DECLS
@@ -14,9 +16,18 @@ NUV_BEGIN_DECLS
 typedef struct nuv_thread nuv_thread_t;
 typedef void *(*nuv_thread_fn)(void *arg);
 
-/* Starts `fn(arg)` on a new thread and stores its handle in *thread. Returns 0, or an errno
+/* Starts `fn(arg)` on a new thread (every signal blocked in it, see
+ * nuv_pthread_create_masked) and stores its handle in *thread. Returns 0, or an errno
  * value (then *thread is NULL). The handle must be released with nuv_thread_cancel. */
 NUV_API int nuv_thread_start(nuv_thread_t **thread, nuv_thread_fn fn, void *arg);
+
+/* The one way the platform starts a thread: pthread_create(tid, attr, fn, arg) with every
+ * signal blocked in the new thread (the caller's mask is restored before returning), so a
+ * host's signals reach only the host's own threads, and a host that blocks SIGTERM and waits
+ * for it with sigwait is never killed by a platform thread that left it unblocked. Used by
+ * nuv_thread_start, the bus and the performance provider. Returns 0 or an errno value. */
+NUV_API int nuv_pthread_create_masked(pthread_t *tid, const pthread_attr_t *attr,
+                                      void *(*fn)(void *), void *arg);
 
 /* Flags the thread to stop, wakes it if it waits in a cancellation point, waits for it to end
  * and releases the handle. A thread that already returned is just reaped. Returns 0, EINVAL on

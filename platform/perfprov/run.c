@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "internal.h"
+#include "nuv_thread.h"
 
 struct pp_run *pp_run_new(void) {
   struct pp_run *run = calloc(1, sizeof *run);
@@ -33,12 +34,7 @@ void pp_run_free(struct pp_run *run) {
 
 int pp_run_launch(struct pp_run *run, void *(*body)(void *)) {
   /* The host's signals belong to the host's threads. */
-  sigset_t all, old;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &old);
-  int rc = pthread_create(&run->tid, NULL, body, run);
-  pthread_sigmask(SIG_SETMASK, &old, NULL);
-  return rc;
+  return nuv_pthread_create_masked(&run->tid, NULL, body, run);
 }
 
 int pp_run_add(struct pp_run *run, void (*fn)(void), void *context, unsigned int mask) {

@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include "internal.h"
+#include "nuv_thread.h"
 #include "nuv_perfprov.h"
 
 static int g_monitor_type = NUV_PERF_MONITOR_ALL;
@@ -412,11 +413,8 @@ int nuv_perf_regsiter_notifier(unsigned int mask, nuv_perf_notifier callback, vo
     /* A new session. libproc2 is set up here so that its failure reaches the caller. */
     struct sm_state *st = new_state(&rc);
     if (st && !g_thread_started) {
-      sigset_t all, old;
-      sigfillset(&all);
-      pthread_sigmask(SIG_SETMASK, &all, &old); /* the host's signals stay with the host */
-      rc = pthread_create(&g_thread, NULL, sm_body, NULL);
-      pthread_sigmask(SIG_SETMASK, &old, NULL);
+      /* The host's signals stay with the host. */
+      rc = nuv_pthread_create_masked(&g_thread, NULL, sm_body, NULL);
       g_thread_started = rc == 0;
     }
     if (rc == 0) {

@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <time.h>
 
@@ -37,6 +38,18 @@ static void release(struct nuv_thread *t) {
   free(t);
 }
 
+int nuv_pthread_create_masked(pthread_t *tid, const pthread_attr_t *attr, void *(*fn)(void *),
+                              void *arg) {
+  if (!tid || !fn) return EINVAL;
+  sigset_t all, old;
+  sigfillset(&all);
+  int rc = pthread_sigmask(SIG_SETMASK, &all, &old);
+  if (rc != 0) return rc;
+  rc = pthread_create(tid, attr, fn, arg);
+  pthread_sigmask(SIG_SETMASK, &old, NULL);
+  return rc;
+}
+
 int nuv_thread_start(nuv_thread_t **thread, nuv_thread_fn fn, void *arg) {
   if (!thread) return EINVAL;
   *thread = NULL;
@@ -55,7 +68,7 @@ int nuv_thread_start(nuv_thread_t **thread, nuv_thread_fn fn, void *arg) {
     return rc;
   }
   pthread_mutex_init(&t->mu, NULL);
-  rc = pthread_create(&t->tid, NULL, trampoline, t);
+  rc = nuv_pthread_create_masked(&t->tid, NULL, trampoline, t);
   if (rc != 0) {
     release(t);
     return rc;

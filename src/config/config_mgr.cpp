@@ -33,6 +33,15 @@ CError ConfigMgr::LoadConfig(const std::string& path) {
   return LoadFound();
 }
 
+void ConfigMgr::ReleaseSections() {
+  CMessageQueueCfg::ReleaseInstance();
+  CCollectSdkCfg::ReleaseInstance();
+  CPerforMonitorCfg::ReleaseInstance();
+  CMaintainceLogCfg::ReleaseInstance();
+  CClearnCfg::ReleaseInstance();
+  CAdditionCtrlor::ReleaseInstance();
+}
+
 CError ConfigMgr::LoadFound() {
   if (document_.JsonLoadFile(path_) != JsonUtil::kOk) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse config file failed.");

@@ -26,6 +26,9 @@ class ConfigMgr {
   // The path of the last load, as far as it was formed.
   const std::string& GetPath() const { return path_; }
 
+  // Deletes every section's singleton, for tools and tests that load one file after another.
+  static void ReleaseSections();
+
  private:
   CError LoadFound();
   CError ParseSections();

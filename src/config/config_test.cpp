@@ -69,15 +69,6 @@ std::string ExeDir() {
 
 std::string ParentDir(const std::string& dir) { return dir.substr(0, dir.rfind('/')); }
 
-void ReleaseSections() {
-  CMessageQueueCfg::ReleaseInstance();
-  CCollectSdkCfg::ReleaseInstance();
-  CPerforMonitorCfg::ReleaseInstance();
-  CMaintainceLogCfg::ReleaseInstance();
-  CClearnCfg::ReleaseInstance();
-  CAdditionCtrlor::ReleaseInstance();
-}
-
 // Loads `text` (no file when nullopt) from a fresh file; log lines are "[LEVEL] message".
 struct LoadText {
   explicit LoadText(const std::optional<std::string>& text) {
@@ -105,8 +96,8 @@ std::string WithPath(std::string text, const std::string& path) {
 
 class ConfigTest : public ::testing::Test {
  protected:
-  void SetUp() override { ReleaseSections(); }
-  void TearDown() override { ReleaseSections(); }
+  void SetUp() override { ConfigMgr::ReleaseSections(); }
+  void TearDown() override { ConfigMgr::ReleaseSections(); }
 };
 
 std::string Failed(const std::string& section) {
@@ -147,7 +138,7 @@ TEST_F(ConfigTest, LoaderReportsCodeTagAndErrorLines) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    ReleaseSections();
+    ConfigMgr::ReleaseSections();
     const LoadText r(c.content);
     EXPECT_EQ(r.error.code, c.code);
     EXPECT_EQ(r.error.desc, WithPath(c.desc, r.path));
@@ -179,7 +170,7 @@ TEST_F(ConfigTest, ValuesReachTheirSections) {
                               sdk->GetCollectFrequency(), sdk->GetMonitorType(), sdk->GetHitRate(),
                               monitors, CMaintainceLogCfg::GetInstance()->GetLogCacheSize()}),
             std::vector<int>({1000, 7, 3, 60, 1, 1024}));
-  ReleaseSections();
+  ConfigMgr::ReleaseSections();
   LoadOk(Edit({Set("perf_monitor", "[]")}));
   EXPECT_TRUE(CPerforMonitorCfg::GetInstance()->GetMonitor().empty());
 }
@@ -200,7 +191,7 @@ TEST_F(ConfigTest, StorePathAndCleanUpLimitsAreDerived) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
-    ReleaseSections();
+    ConfigMgr::ReleaseSections();
     LoadOk(Edit({{"\"/srv/default\"", c.path},
                  {"\"day\": 3", std::string("\"day\": ") + c.day},
                  {"\"file_size\": 2", std::string("\"file_size\": ") + c.size}}));

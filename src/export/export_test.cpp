@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "nuv_log.h"
@@ -101,6 +103,28 @@ TEST_F(Export, RegisterValidatesBeforeAnythingElse) {
             1u);
   EXPECT_EQ(Count("[DEBUG] [nuv_maintain] unregister monitor [waiting" + unregistered), 1u);
   EXPECT_EQ(Count("[DEBUG] [nuv_maintain] unregister monitor [cpu" + unregistered), 1u);
+}
+
+// A host thread whose duplicate was refused keeps the manager's lock; the host's other threads
+// still register, and stop still completes, within the platform lock's bound.
+TEST_F(Export, AHostStaysLiveAfterARefusedDuplicate) {
+  ASSERT_EQ(nuv_start_perf_manager(), NUV_MAINT_OK);
+  const std::string waiting = nuvtest::BuildDir() + "/lib/libnuv_maintaince.so:999999999";
+  auto reg = [](const char* id, const std::string& focus) {
+    return nuv_register_perf_monitor(id, "", "n", "s", "p", "1", focus.c_str(),
+                                     "maintenance:reciver", "C>90/60", "");
+  };
+  std::thread([&] {
+    EXPECT_EQ(reg("dup", waiting), NUV_MAINT_OK);
+    EXPECT_EQ(reg("dup", waiting), NUV_MAINT_REFUSED);
+  }).join();
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
+  EXPECT_EQ(reg("later", "system:0"), NUV_MAINT_OK);
+  nuv_unregister_perf_monitor("later");
+  nuv_unregister_perf_monitor("dup");
+  nuv_stop_perf_manager();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST(ExportSymbols, ExactlyTheFourEntryPoints) {

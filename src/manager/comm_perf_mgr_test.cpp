@@ -18,6 +18,7 @@
 #include "common/singleton.h"
 #include "config/config_mgr.h"
 #include "export/register_endpoint.h"
+#include "nuv_lock.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -178,6 +179,43 @@ TEST(CommonPerfMgr, DefinitionsBecomeWorkersWhenAndWhereTheirTargetsRun) {
   // With the template gone, registering it again builds workers afresh for both pids.
   lines = nuvtest::CaptureMessages([&] { EXPECT_TRUE(manager.RegisterMonitor(all)); });
   EXPECT_EQ(std::count(lines.begin(), lines.end(), Created("all")), 2);
+}
+
+// A registration refused on one thread keeps the manager's lock there; every other thread still
+// gets through, once the lock's bound has passed, and the lock is named in the WARN.
+TEST(CommonPerfMgr, ARefusedDuplicateKeepsTheLockOnlyUntilAnotherThreadTakesItOver) {
+  nuv_lock_set_takeover_ms(200);
+  CommonPerfMgr manager;
+  const std::string idle = nuvtest::BuildDir() + "/config/maintenance.json";
+  CMonitorData pending = Monitor("pending", idle + ":999999999");
+  CMonitorData other = Monitor("other", idle + ":999999998");
+  bool registered[4] = {};
+  const Lines lines = nuvtest::CaptureMessages([&] {
+    std::thread([&] {
+      registered[0] = manager.RegisterMonitor(pending);
+      registered[1] = manager.RegisterMonitor(pending);  // refused: the lock stays held
+    }).join();
+    registered[2] = manager.RegisterMonitor(other);
+    std::string id = "other";
+    manager.UnRegisterMonitor(id);
+    registered[3] = manager.RegisterMonitor(idle, 999999999u);  // its process started
+  });
+  nuv_lock_set_takeover_ms(0);
+  EXPECT_TRUE(registered[0]);
+  EXPECT_FALSE(registered[1]);
+  EXPECT_TRUE(registered[2]);
+  EXPECT_TRUE(registered[3]);
+  EXPECT_EQ(manager.ExactCount(), 0u);  // the pending one became a worker
+  size_t warned = 0;
+  for (const std::string& line : lines) {
+    warned += line.rfind("[WARN] [nuv_rwlock]::lock CommonPerfMgr held exclusively by thread ",
+                         0) == 0;
+  }
+  EXPECT_EQ(warned, 1u);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "[ERROR] [CommonPerfMgr]::RegisterMonitor insert exact monitor failed. "
+                       "id = pending."),
+            1);
 }
 
 // Definitions registered and unregistered over the bus while the manager serves; what the daemon

@@ -21,6 +21,7 @@ const unsigned int kPerfRecordType = 100;
 
 CTrigger::CTrigger() {
   const int rc = nuv_rwlock_init(&lock_);
+  nuv_rwlock_set_name(lock_, "CTrigger");
   if (rc != 0) {
     ZLOG_ERROR("[CTrigger]::CTrigger lock init failed, code = %d.", rc);
   }
@@ -66,12 +67,12 @@ void CTrigger::SetPerfMonitor(CPerfInterface* monitor) {
     return;
   }
   CRwLockGuard guard(lock_, true, "CTrigger");
-  monitor_ = monitor;
+  if (guard.Held()) monitor_ = monitor;
 }
 
 void CTrigger::ClearnPerfMonitor() {
   CRwLockGuard guard(lock_, true, "CTrigger");
-  monitor_ = nullptr;
+  if (guard.Held()) monitor_ = nullptr;
 }
 
 void CTrigger::PerfMonTrigger(unsigned int type, _perf_information* info, void* context) {
@@ -99,20 +100,20 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
     CRwLockGuard guard(lock_, false, "CTrigger");
     for (uint32_t i = 0; info->process_info != nullptr && i < info->process_count; ++i) {
       processes.emplace_back(&info->process_info[i]);
-      if (monitor_ != nullptr) {
+      if (guard.Held() && monitor_ != nullptr) {
         monitor_->Dispatch(processes.back());
       }
     }
     // The batch goes out even when it is empty. A receiver is attached before the trigger
     // starts and detached after it stops; the test only keeps a misuse from crashing.
-    if (monitor_ != nullptr) {
+    if (guard.Held() && monitor_ != nullptr) {
       monitor_->Dispatch(processes);
     }
   }
   if ((type & NUV_PERF_TYPE_SYSTEM) != 0) {
     const SystemInfo system(info->sys_info);
     CRwLockGuard guard(lock_, false, "CTrigger");
-    if (monitor_ != nullptr) {
+    if (guard.Held() && monitor_ != nullptr) {
       monitor_->Dispatch(system);
     }
   }
@@ -122,14 +123,14 @@ void CTrigger::OnProcess(int event, const _process_mon_info* info) {
   const ProcessMonInfo process(info);
   if (event != NUV_PROC_EVENT_EXIT) {
     CRwLockGuard guard(lock_, false, "CTrigger");
-    if (monitor_ != nullptr) {
+    if (guard.Held() && monitor_ != nullptr) {
       monitor_->RegisterMonitor(process.path, process.pid);
     }
     return;
   }
   {
     CRwLockGuard guard(lock_, false, "CTrigger");
-    if (monitor_ != nullptr) {
+    if (guard.Held() && monitor_ != nullptr) {
       monitor_->UnRegisterMonitor(process.path, process.pid);
     }
   }

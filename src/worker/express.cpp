@@ -78,6 +78,7 @@ void CExpress::SetExpress(const std::string& text) {
   }
   expression_ = text;
   observer_ = text.find('A') != std::string::npos;
+  CExpressionScope scope(expression_);
   mupSetExpr(parser_, expression_.c_str());
 }
 
@@ -94,7 +95,11 @@ CError CExpress::EvalExpress(bool& hit) {
     hit = true;
     return CError();
   }
-  const double value = mupEval(parser_);
+  double value = 0.0;
+  {
+    CExpressionScope scope(expression_);
+    value = mupEval(parser_);
+  }
   if (mupError(parser_) != 0) {
     ZLOG_ERROR("[CExpress]::EvalExpress, express execute failed, express str = %s.",
                expression_.c_str());

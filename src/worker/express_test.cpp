@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -82,6 +83,47 @@ TEST(CExpress, ErrorTextsAndLogLines) {
   EXPECT_EQ(error.desc, "express failed, express = empty");
   EXPECT_EQ(lines,
             std::vector<std::string>{"[ERROR] [CExpress]::EvalExpress, express string empty."});
+}
+
+// Expressions whose error token or message is longer than the parser's text buffer (2 KiB):
+// refused with their error lines, never a crash. Up to the safe length the parser's own texts
+// are logged; beyond it a bounded excerpt of ours.
+TEST(CExpress, ErrorsOfAnyLengthAndContentAreLoggedBounded) {
+  const Sample busy{10.0f, 200, 11, 3, 20, 30, false};
+  std::mt19937 random(7);
+  std::string noise(4096, ' ');
+  for (char& c : noise) c = static_cast<char>(1 + random() % 255);
+  // "A" would make it always hit; a line feed would split the lines counted below.
+  for (char& c : noise) c = c == 'A' ? 'B' : c == '\n' ? ' ' : c;
+  const struct {
+    std::string text;
+    bool parserTexts;
+  } rows[] = {
+      {"C>1 " + std::string(1700, 'C'), true},
+      {"C>1 " + std::string(2048, 'C'), false},
+      {"C>1 " + std::string(64 * 1024, 'M'), false},
+      {"C>" + std::string(64 * 1024, '('), false},
+      {noise, false},
+  };
+  for (const auto& row : rows) {
+    bool hit = false;
+    CError error;
+    const std::vector<std::string> lines =
+        nuvtest::CaptureMessages([&] { error = Evaluate(row.text, busy, hit); });
+    EXPECT_EQ(error.code, 107) << row.text.size();
+    // Four lines per error the parser reports (one more for an expression over its own
+    // length limit), then the evaluation's line.
+    ASSERT_TRUE(lines.size() == 5u || lines.size() == 9u) << row.text.size();
+    EXPECT_EQ(lines.back().rfind("[ERROR] [CExpress]::EvalExpress, express execute failed", 0), 0u);
+    const bool ours = lines[0].find("error text not read") != std::string::npos;
+    EXPECT_EQ(ours, !row.parserTexts) << lines[0].substr(0, 200);
+    if (ours) {
+      EXPECT_EQ(lines[0], "[ERROR] [Express]::Exception message = error text not read, the "
+                          "expression of " + std::to_string(row.text.size()) +
+                          " bytes could overflow the parser's 2048-byte text buffer. ");
+      EXPECT_LE(lines[1].size(), 120u) << lines[1];
+    }
+  }
 }
 
 }  // namespace

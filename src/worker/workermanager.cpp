@@ -11,6 +11,7 @@
 
 CWorkerManager::CWorkerManager() {
   const int rc = nuv_rwlock_init(&lock_);
+  nuv_rwlock_set_name(lock_, "CWorkerManager");
   if (rc != 0) {
     ZLOG_ERROR("[CWorkerManager]::CWorkerManager lock init failed, code = %d.", rc);
   }
@@ -42,7 +43,9 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
   {
     CRwLockGuard guard(lock_, true, "CWorkerManager");
     try {
-      if (owned->HasParents()) {
+      if (!guard.Held()) {
+        // Not inserted: reported below like any failed insertion.
+      } else if (owned->HasParents()) {
         // Only copies live on, one under each parent with that id. The search is pre-order, so
         // going backwards fills descendants before their ancestors: growing an ancestor's
         // children would move the descendants still waiting in the list.
@@ -74,6 +77,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
 
 bool CWorkerManager::FindWorker(const std::string& key, const std::string& id) {
   CRwLockGuard guard(lock_, false, "CWorkerManager");
+  if (!guard.Held()) return false;
   std::vector<CWorker*> found;
   for (CWorker* root : Candidates(RootsOfKey(key))) {
     root->FindWorker(key, id, found);
@@ -191,6 +195,7 @@ void CWorkerManager::DeleteMatching(const std::vector<CWorker*>* indexed, const 
 
 CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
   CRwLockGuard guard(lock_, true, "CWorkerManager");
+  if (!guard.Held()) return CError::CreateError(102, "parameter check error");
   DeleteMatching(RootsOfID(id), [&id](CWorker& root) { return root.GetWorkerID() == id; },
                  [&id](CWorker& root) { root.DeleteWorkerByID(id); }, Removal::kByID);
   return CError();
@@ -198,6 +203,7 @@ CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
 
 CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
   CRwLockGuard guard(lock_, true, "CWorkerManager");
+  if (!guard.Held()) return CError::CreateError(102, "parameter check error");
   DeleteMatching(RootsOfKey(key), [&key](CWorker& root) { return root.GetKey() == key; },
                  [&key](CWorker& root) { root.DeleteWorkerByKey(key); }, Removal::kByKey);
   return CError();
@@ -205,6 +211,7 @@ CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
 
 void CWorkerManager::DestroyWorker() {
   CRwLockGuard guard(lock_, true, "CWorkerManager");
+  if (!guard.Held()) return;
   auto it = workers_.begin();
   while (it != workers_.end()) {
     CWorker* root = *it;
@@ -228,6 +235,7 @@ void CWorkerManager::DestroyWorker() {
 template <typename Sample>
 void CWorkerManager::DispatchByKey(const std::string& key, const Sample& sample) {
   CRwLockGuard guard(lock_, false, "CWorkerManager");
+  if (!guard.Held()) return;
   std::vector<CWorker*> targets;
   try {
     FindWokerByKeyNolock(key, targets);

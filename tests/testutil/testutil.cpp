@@ -205,6 +205,36 @@ void DaemonTree::SetEnv(const std::string& entry) {
   if (entry.find('=') != std::string::npos) env_.push_back(entry);
 }
 
+int DaemonTree::StopWithin(int ms) {
+  if (pid_ <= 0) return -1;
+  ::kill(pid_, SIGTERM);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  int status = 0;
+  while (std::chrono::steady_clock::now() < until) {
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ::kill(pid_, SIGKILL);
+  Wait();
+  return -2;
+}
+
+bool DaemonTree::Alive() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+
+bool DaemonTree::WaitForMessage(const std::string& prefix, int ms, int count) const {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    int seen = 0;
+    for (const std::string& m : Messages()) seen += m.rfind(prefix, 0) == 0 ? 1 : 0;
+    if (seen >= count) return true;
+    if (std::chrono::steady_clock::now() >= until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
 RunResult DaemonTree::Nuvctl(std::vector<std::string> args, const std::string& input) const {
   args.insert(args.begin(), dir_.Sub("bin/nuvctl"));
   return Run(args, env_, dir_, input);

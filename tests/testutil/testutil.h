@@ -85,6 +85,12 @@ class DaemonTree {
   int pid() const { return pid_; }
   // Sets "NAME=value" in the environment of later starts; "NAME" alone removes NAME.
   void SetEnv(const std::string& entry);
+  // SIGTERM, then its exit status if it ends within `ms`; else SIGKILL and -2.
+  int StopWithin(int ms);
+  // The started daemon still runs (neither exited nor killed).
+  bool Alive() const;
+  // Waits up to `ms` until at least `count` lines of Messages() start with `prefix`.
+  bool WaitForMessage(const std::string& prefix, int ms, int count = 1) const;
   std::string DaemonOut() const { return ReadFile(dir_.Sub("daemon.out")); }
   std::string DaemonErr() const { return ReadFile(dir_.Sub("daemon.err")); }
   RunResult Nuvctl(std::vector<std::string> args, const std::string& input = "") const;

@@ -54,6 +54,8 @@ const char* BusResultMeaning(uint32_t result) {
       return "bus connection refused or dropped";
     case NUV_COMM_E_SYSTEM:
       return "bus system call failed";
+    case NUV_COMM_E_UNTRUSTED:
+      return "topic served by an untrusted user";
     default:
       return nullptr;
   }

@@ -9,11 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #if NUV_HAVE_SYSTEMD
 #include <systemd/sd-daemon.h>
 #endif
 
+#include "config/config_check.h"
 #include "nuv_log.h"
 #include "nuv_maintenance.h"
 #include "nuv_path.h"
@@ -23,12 +25,17 @@ namespace {
 
 const char kUsage[] =
     "usage: nuv_maintd [--log-level N] [--log-file PATH]\n"
+    "       nuv_maintd --check-config [FILE]\n"
     "\n"
     "Runs the maintenance library until SIGINT (Ctrl-C) or SIGTERM; SIGHUP reopens the\n"
     "log file (after logrotate moved it) and the daemon goes on.\n"
-    "The configuration is read from <dir of nuv_maintd>/../config/maintenance.json.\n"
+    "The configuration is read from <dir of nuv_maintd>/../config/maintenance.json and checked\n"
+    "before the library starts: a value the library cannot run with stops the daemon (exit 1).\n"
     "\n"
     "options:\n"
+    "  --check-config [FILE]  check FILE (default: the configuration above) the way start reads\n"
+    "                   it, print each problem with its key path, exit 0 when it is usable, 1\n"
+    "                   when not\n"
     "  --log-level N    0 error, 1 warn, 2 info (default), 3 debug; also NUV_LOG_LEVEL\n"
     "  --log-file PATH  append the log to PATH instead of stderr; also NUV_LOG_FILE\n"
     "  --version        print the version and exit\n"
@@ -66,6 +73,22 @@ std::string ExePath() {
   return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuv_maintd";
 }
 
+// Prints the problems of `path` to `out`, each line prefixed with `prefix`.
+void PrintProblems(FILE* out, const std::string& prefix, const std::vector<ConfigProblem>& problems) {
+  for (const ConfigProblem& p : problems) std::fprintf(out, "%s%s\n", prefix.c_str(), p.ToString().c_str());
+}
+
+int CheckConfigCommand(const std::string& path) {
+  const std::vector<ConfigProblem> problems = CheckConfigFile(path);
+  PrintProblems(stdout, path + ": ", problems);
+  if (HasConfigErrors(problems)) {
+    std::printf("%s: not usable\n", path.c_str());
+    return 1;
+  }
+  std::printf("%s: ok\n", path.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -80,6 +103,10 @@ int main(int argc, char** argv) {
     if (arg == "--version") {
       std::printf("nuv_maintd %s\n", NUV_VERSION);
       return 0;
+    }
+    if (arg == "--check-config") {
+      if (i + 2 < argc) return Usage("--check-config takes at most one FILE");
+      return CheckConfigCommand(i + 1 < argc ? argv[i + 1] : nuvtools::ConfigPathFor(ExePath()));
     }
     if (arg == "--log-level" || arg == "--log-file") {
       if (i + 1 >= argc) return Usage((arg + " needs a value").c_str());
@@ -110,6 +137,18 @@ int main(int argc, char** argv) {
 
   RaiseDescriptorLimit();
   std::string config = nuvtools::ConfigPathFor(ExePath());
+  // The library aborts on some values it loads (sizes and ages whose conversion overflows):
+  // those stop the daemon here, with their key. A file that the library refuses by itself
+  // (missing, not JSON, a key missing) is left to it, so its own result and log lines stay.
+  const std::vector<ConfigProblem> problems = CheckConfigFile(config);
+  PrintProblems(stderr, "nuv_maintd: " + config + ": ", problems);
+  if (HasConfigRangeErrors(problems)) {
+    std::fprintf(stderr,
+                 "nuv_maintd: the configuration %s has values the library cannot run with; "
+                 "not starting (check it with nuv_maintd --check-config)\n",
+                 config.c_str());
+    return 1;
+  }
   uint32_t rc = nuv_start_perf_manager();
   if (rc != NUV_MAINT_OK) {
     std::fprintf(stderr, "nuv_maintd: start failed: %s\n", nuvtools::DescribeResult(rc).c_str());
