@@ -12,10 +12,6 @@
 #include "fuzz_store.h"
 #include "nuv_dir.h"
 
-namespace {
-constexpr unsigned int kMaxRecordUntilBounded = 64u << 20;
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   nuvfuzz::LoadStoreConfig();
   return 0;
@@ -38,16 +34,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (entry.StringToIndex(index.substr(from, end - from))) (void)entry.ToString();
     from = end + 1;
   }
-  // Known finding, open: a reader allocates (and zeroes) the length an index entry names
-  // before looking at the content file's size, so a corrupt entry of 2 GB makes a 2 GB buffer
-  // (inputs regress-index-length-2g*). Until the store bounds that buffer by the file, inputs
-  // with any number above kMaxRecordUntilBounded in their index are skipped.
-  unsigned long long number = 0;
-  for (char c : index) {
-    number = c >= '0' && c <= '9' ? number * 10 + static_cast<unsigned>(c - '0') : 0;
-    if (number > kMaxRecordUntilBounded) return 0;
-  }
-
   CFileClassify classify;
   if (!classify.InitFileClassify("fuzzstream", 0, 512)) return 0;
   nuv_dirutils_mkdir(classify.GetPath().c_str(), 0700);

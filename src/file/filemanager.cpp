@@ -10,6 +10,11 @@ CError InvalidClassify() {
   return CError::CreateError(kFileErrParam, "parameters invalid, %s", "file classify invalid.");
 }
 
+// The store's lock could not be taken (it could not be made): nothing may run unlocked.
+CError LockNotTaken() {
+  return CError::CreateError(kFileErrParam, "parameters invalid, %s", "store lock not taken.");
+}
+
 // A usable classification whose files cannot be opened reports why; anything else is the
 // classification's fault.
 CError NoUnit(const CError& openError) {
@@ -30,35 +35,38 @@ CFileManager::~CFileManager() {
   nuv_rwlock_destroy(&lock_);
 }
 
-CError CFileManager::WriteFile(CFileClassify& classify, const std::string& record) {
+template <typename Op>
+CError CFileManager::OnUnit(CFileClassify& classify, const Op& op) {
   CRwLockGuard guard(lock_, true, "CFileManager");
+  if (!guard.Held()) {
+    return LockNotTaken();
+  }
   CError openError;
   CFileUnit* unit = FindAndInsertNolock(classify, &openError);
-  return unit == nullptr ? NoUnit(openError) : unit->WriteFile(record);
+  return unit == nullptr ? NoUnit(openError) : op(*unit);
+}
+
+CError CFileManager::WriteFile(CFileClassify& classify, const std::string& record) {
+  return OnUnit(classify, [&](CFileUnit& unit) { return unit.WriteFile(record); });
 }
 
 CError CFileManager::ReadFile(CFileClassify& classify, int n, std::string& out) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
-  CFileUnit* unit = FindAndInsertNolock(classify);
-  return unit == nullptr ? InvalidClassify() : unit->ReadFile(n, out);
+  return OnUnit(classify, [&](CFileUnit& unit) { return unit.ReadFile(n, out); });
 }
 
 CError CFileManager::ReadBatchFile(CFileClassify& classify, unsigned int start, unsigned int count,
                                    unsigned int& next, std::vector<std::string>& out) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
-  CFileUnit* unit = FindAndInsertNolock(classify);
-  return unit == nullptr ? InvalidClassify() : unit->ReadBatchFile(start, count, next, out);
+  return OnUnit(classify,
+                [&](CFileUnit& unit) { return unit.ReadBatchFile(start, count, next, out); });
 }
 
 CError CFileManager::ReadALLFile(CFileClassify& classify, std::vector<std::string>& out) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
-  CFileUnit* unit = FindAndInsertNolock(classify);
-  return unit == nullptr ? InvalidClassify() : unit->ReadALLFile(out);
+  return OnUnit(classify, [&](CFileUnit& unit) { return unit.ReadALLFile(out); });
 }
 
 CFileUnit* CFileManager::FindAndInsert(CFileClassify& classify) {
   CRwLockGuard guard(lock_, true, "CFileManager");
-  return FindAndInsertNolock(classify);
+  return guard.Held() ? FindAndInsertNolock(classify) : nullptr;
 }
 
 CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* openError) {
@@ -82,6 +90,9 @@ CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* op
 
 CError CFileManager::RepairStream(CFileClassify& classify) {
   CRwLockGuard guard(lock_, true, "CFileManager");
+  if (!guard.Held()) {
+    return LockNotTaken();
+  }
   auto found = units_.find(classify.GetHashKey());
   if (found != units_.end() && found->second->GetIndexPath() == classify.GetIndexPath()) {
     return CError();
@@ -94,6 +105,9 @@ CError CFileManager::RepairStream(CFileClassify& classify) {
 
 void CFileManager::CloseUnit(CFileClassify& classify) {
   CRwLockGuard guard(lock_, true, "CFileManager");
+  if (!guard.Held()) {
+    return;
+  }
   auto found = units_.find(classify.GetHashKey());
   if (found != units_.end()) {
     found->second->Close();
@@ -108,6 +122,9 @@ void CFileManager::Delete(CFileClassify& classify) { CloseUnit(classify); }
 void CFileManager::FileUnitsFlush() {
   // Shared is enough: flushing leaves the map as it is, and only the clean-up thread flushes.
   CRwLockGuard guard(lock_, false, "CFileManager");
+  if (!guard.Held()) {
+    return;
+  }
   for (auto& entry : units_) {
     entry.second->Flush();
   }

@@ -59,6 +59,9 @@ class CFileManager {
  private:
 
   void CloseUnit(CFileClassify& classify);
+  // `op` on the stream's unit, opened if need be, under the exclusive lock.
+  template <typename Op>
+  CError OnUnit(CFileClassify& classify, const Op& op);
   // Appends the files under the base of `type` that `take` accepts; 210 / 211 as documented.
   template <typename Pred>
   CError EnumMatching(unsigned int type, std::vector<std::string>& out, Pred take);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -59,13 +60,15 @@ CError CFileOperator::ReadFile(int offset, int length, std::string& out, int& ne
     return CError::CreateError(kFileErrRead, "read file failed, path = %s", path_.c_str());
   }
   const size_t want = length > 0 ? static_cast<size_t>(length) : 0;
-  std::unique_ptr<char[]> buffer(new (std::nothrow) char[want + 1]());
+  // A corrupt index entry may name gigabytes: no more than the file holds is ever read.
+  const uint64_t remaining = size - static_cast<uint64_t>(offset);
+  const size_t room = static_cast<size_t>(std::min<uint64_t>(want, remaining));
+  std::unique_ptr<char[]> buffer(new (std::nothrow) char[room + 1]);
   if (!buffer) {
     return CError::CreateError(kFileErrMalloc, "buffer malloc error  %u",
                                static_cast<unsigned int>(length));
   }
-  const size_t n = want > 0 ? nuv_file_read(read_, buffer.get(), want) : 0;
-  const uint64_t remaining = size - static_cast<uint64_t>(offset);
+  const size_t n = room > 0 ? nuv_file_read(read_, buffer.get(), room) : 0;
 
   CError result;
   if (n == remaining) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,8 @@ TEST(FileOperatorTest, ReadAroundTheEndOfAFile) {
       {0, 22, 0, 22, data.substr(0, 22)}, {22, 22, 209, 44, data.substr(22)},
       {30, 30, 209, 44, data.substr(30)},  // a short read that reaches the end
       {44, 22, 208, 44, "untouched"},     {-1, 1, 208, 44, "untouched"},
+      // A corrupt index entry naming 2 GiB: only what the file holds is read (and allocated).
+      {40, INT_MAX, 209, 44, data.substr(40)},
   };
   for (const auto& c : cases) {
     std::string out = "untouched";

@@ -1,12 +1,13 @@
 #include "handler/topicposter.h"
 
-#include <signal.h>
+#include <pthread.h>
 
 #include <utility>
 
 #include "common/log.h"
 #include "handler/logdata.h"
 #include "nuv_comm.h"
+#include "nuv_thread.h"
 
 CTopicPoster& CTopicPoster::GetInstance() {
   static CTopicPoster poster;
@@ -29,12 +30,18 @@ void CTopicPoster::Post(const std::string& topic, std::string text, FailureRepor
   std::unique_ptr<Lane>& lane = lanes_[topic];
   if (!lane) {
     lane.reset(new Lane);
-    // The host's signals belong to the host's threads.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
-    lane->thread = std::thread(&CTopicPoster::Serve, this, topic, lane.get());
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    lane->topic = topic;
+    lane->owner = this;
+    const int rc = nuv_pthread_create_masked(&lane->thread, nullptr, &CTopicPoster::LaneMain,
+                                             lane.get());
+    if (rc != 0) {
+      ZLOG_ERROR("[CTopicPoster]::Post cannot start a lane, code = %d. topic = %s.", rc,
+                 topic.c_str());
+      lanes_.erase(topic);
+      failed(text);
+      return;
+    }
+    lane->started = true;
   }
   if (lane->pending.size() >= kLaneCapacity) {
     lane->pending.pop_front();
@@ -47,7 +54,14 @@ void CTopicPoster::Post(const std::string& topic, std::string text, FailureRepor
   wake_.notify_all();
 }
 
-void CTopicPoster::Serve(const std::string& topic, Lane* lane) {
+void* CTopicPoster::LaneMain(void* arg) {
+  Lane* lane = static_cast<Lane*>(arg);
+  lane->owner->Serve(lane);
+  return nullptr;
+}
+
+void CTopicPoster::Serve(Lane* lane) {
+  const std::string& topic = lane->topic;
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     wake_.wait(lock, [&] { return stopping_ || !lane->pending.empty(); });
@@ -101,7 +115,7 @@ void CTopicPoster::Stop() {
   }
   // A post in flight ends within the bus time-out.
   for (auto& entry : lanes) {
-    if (entry.second->thread.joinable()) entry.second->thread.join();
+    if (entry.second->started) pthread_join(entry.second->thread, nullptr);
   }
   std::lock_guard<std::mutex> lock(mutex_);
   stopping_ = false;

@@ -6,13 +6,14 @@
 #ifndef NUV_HANDLER_TOPICPOSTER_H
 #define NUV_HANDLER_TOPICPOSTER_H
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
 class CTopicPoster {
  public:
@@ -46,9 +47,13 @@ class CTopicPoster {
     std::deque<Record> pending;
     bool posting = false;
     size_t dropped = 0;
-    std::thread thread;
+    std::string topic;
+    CTopicPoster* owner = nullptr;
+    pthread_t thread{};
+    bool started = false;
   };
-  void Serve(const std::string& topic, Lane* lane);
+  static void* LaneMain(void* arg);
+  void Serve(Lane* lane);
 
   std::mutex mutex_;
   std::condition_variable wake_;  // a lane has work, or stopping
