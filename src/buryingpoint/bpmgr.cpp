@@ -118,7 +118,7 @@ CError CBpMgr::CheckBpHeader(JsonUtil& json, CFileClassify& classify) {
     return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/version");
   }
   if (version != "1.0") {
-    // The text names "header/type" for a refused version; operators search the log for it.
+    // The refusal of a version names "header/type"; the text is kept as it is.
     return CError::CreateError(kErrBpInvalid, "BP %s:%s is not support", "header/type",
                                version.c_str());
   }

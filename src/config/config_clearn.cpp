@@ -27,7 +27,7 @@ void CClearnCfg::ReleaseInstance() {
 }
 
 bool CClearnCfg::Parse(JsonUtil& document) {
-  // The two messages name the log section on purpose; operators grep for these texts.
+  // Both messages name the maintenance-log section although this is the clean-up section.
   if (document.JsonGetInteger("/default/clearn/day", &timeInterval_, -1) != JsonUtil::kOk) {
     ZLOG_ERROR("[CMaintainceLogCfg]::Parse maintaince log cach size failed.");
     return false;

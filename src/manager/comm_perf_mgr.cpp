@@ -17,8 +17,7 @@ constexpr unsigned int kProcessPointPid = 3;
 const char kWorkerExists[] = "insert worker exist, id = %s, image = %s, pid = %d";
 
 // The manager's lock, taken exclusively for the scope. A refused registration keeps it held
-// past the scope (Keep): callers have always seen the manager that way and may rely on it; the
-// platform lock lets another thread take such a hold over after its bound (nuv_lock.h). When
+// past the scope (Keep); the platform lock lets another thread take such a hold over after its bound (nuv_lock.h). When
 // this very thread still holds it from such a refusal (the manager never nests its scopes, so
 // that is the only way), the scope adopts that hold and releases it at its end. A lock that
 // cannot be taken leaves Held() false and the caller skips its critical section.

@@ -47,20 +47,21 @@ int ParseCommandLine(const char* command, const char* usage, int argc, char** ar
       return UsageError(command, "unknown option '" + name + "'");
     }
     if (c == ':') {
-      const std::string name = optopt != 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
-                                                           : given.substr(0, given.find('='));
+      const std::string name = optopt != 0 && optopt < 256
+                                   ? std::string("-") + static_cast<char>(optopt)
+                                   : given.substr(0, given.find('='));
       return UsageError(command, "option " + name + " needs a value");
     }
-    const OptionSpec* spec = nullptr;
+    const OptionSpec* option = nullptr;
     if (c >= 256) {
-      spec = &specs[static_cast<size_t>(c - 256)];
+      option = &specs[static_cast<size_t>(c - 256)];
     } else {
       for (const OptionSpec& s : specs) {
-        if (s.shortName == c) spec = &s;
+        if (s.shortName == c) option = &s;
       }
     }
-    if (spec == nullptr) return UsageError(command, "unknown option '" + given + "'");
-    values[std::string("--") + spec->name] = spec->hasValue ? optarg : "";
+    if (option == nullptr) return UsageError(command, "unknown option '" + given + "'");
+    values[std::string("--") + option->name] = option->hasValue ? optarg : "";
   }
   for (int i = optind; i < argc; ++i) operands.push_back(argv[i]);
   return -1;
