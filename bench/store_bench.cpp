@@ -1,5 +1,6 @@
 // Throughput of the classified store: appending 300-byte records to one stream through
-// CFileManager::WriteFile, and reading a whole stream back.
+// CFileManager::WriteFile, a 300-byte burying point through the manager's whole path
+// (validation, classification, store) without the bus, and reading a whole stream back.
 //
 //   build/bin/store_bench [--benchmark_filter=...]
 #include <benchmark/benchmark.h>
@@ -7,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "buryingpoint/bpmgr.h"
 #include "common/error.h"
 #include "config/config_mgr.h"
 #include "file/fileclassify.h"
 #include "file/filemanager.h"
+#include "nuv_log.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -67,6 +70,35 @@ void BM_WriteFile(benchmark::State& state) {
   state.SetBytesProcessed(written * static_cast<int64_t>(kRecordBytes));
 }
 BENCHMARK(BM_WriteFile)->MinTime(2.0);
+
+// The library's own cost of one burying point, beside which the bus's cost per request stands.
+void BM_BuryingPoint(benchmark::State& state) {
+  Store store;
+  if (!store.ok()) {
+    state.SkipWithError("configuration did not load");
+    return;
+  }
+  nuv_log_set_level(NUV_LOG_INFO);  // the daemon's default: the per-record DEBUG line is off
+  std::string point =
+      "{\"header\": {\"type\": 512, \"version\": \"1.0\", \"focus\": \"/usr/bin/bench:1\", "
+      "\"id\": \"6f1c2d0e-0000-4000-8000-000000000000\", \"module\": \"bench\", "
+      "\"function\": \"ingest\", \"time\": \"2026/01/01 00:00:00\", \"product\": \"bench\", "
+      "\"product_version\": \"1.0\", \"agent_id\": \"\", \"name\": \"";
+  point.append(kRecordBytes - point.size() - 3, 'n');
+  point += "\"}}";
+  CBpMgr manager;
+  int64_t stored = 0;
+  for (auto _ : state) {
+    const int result = manager.CallBackImpl(point.data(), static_cast<unsigned int>(point.size()));
+    if (result != 0) {
+      state.SkipWithError(("refused with " + std::to_string(result)).c_str());
+      break;
+    }
+    ++stored;
+  }
+  state.SetItemsProcessed(stored);
+}
+BENCHMARK(BM_BuryingPoint)->MinTime(2.0);
 
 void BM_ReadAllFile(benchmark::State& state) {
   Store store;

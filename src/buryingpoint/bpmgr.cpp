@@ -1,5 +1,8 @@
 #include "buryingpoint/bpmgr.h"
 
+#include <string>
+#include <utility>
+
 #include "common/log.h"
 #include "common/singleton.h"
 #include "file/filemanager.h"
@@ -86,15 +89,15 @@ int CBpMgr::CallBackImpl(void* data, unsigned int length) {
 
 CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& classify) {
   JsonUtil json;
-  const std::string text(data == nullptr ? "" : static_cast<const char*>(data),
-                         data == nullptr ? 0 : length);
+  std::string text(data == nullptr ? "" : static_cast<const char*>(data),
+                   data == nullptr ? 0 : length);
   // The parser stops at a NUL and the store could not index such a record: refuse it whole.
   const std::string::size_type nul = text.find('\0');
   if (nul != std::string::npos) {
     return CError::CreateError(kErrBpInvalid, "bp data holds a NUL byte at offset %u",
                                static_cast<unsigned int>(nul));
   }
-  const int loaded = json.JsonLoadString(text);
+  const int loaded = json.JsonLoadString(std::move(text));
   if (loaded != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "json load failed with error:%d", loaded);
   }

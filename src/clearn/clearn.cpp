@@ -27,8 +27,6 @@ bool Elapsed(uint64_t start, uint64_t interval) {
   return difference > UINT32_MAX || difference >= interval;
 }
 
-std::string Today() { return GenerateCurrentTime("%Y%m%d", 16); }
-
 int KeepSeconds(int type) {
   const int keep = IsMaintainceLogType(static_cast<unsigned int>(type))
                        ? CClearnCfg::GetInstance()->GetTimeInterval()
@@ -51,7 +49,7 @@ void DeleteExpiredArchives(int type, int keepSeconds) {
   for (const std::string& archive : archives) {
     const std::string day = CFileClassify::GetCompressFileTime(archive, kArchiveEnding);
     double seconds = 0;
-    if (!CFileClassify::DifferTime(day, Today(), seconds) || seconds < keepSeconds) {
+    if (!CFileClassify::DifferTime(day, CurrentDay(), seconds) || seconds < keepSeconds) {
       continue;
     }
     if (nuv_file_remove(archive.c_str()) != 0) {
@@ -99,7 +97,7 @@ void ClearnDayDirectories(int type, int keepSeconds) {
       continue;
     }
     double seconds = 0;
-    if (!CFileClassify::DifferTime(classify.GetTime(), Today(), seconds)) {
+    if (!CFileClassify::DifferTime(classify.GetTime(), CurrentDay(), seconds)) {
       continue;
     }
     if (seconds >= keepSeconds) {
@@ -172,7 +170,7 @@ void CClearn::RepairToday() {
     if (base.empty() || base.back() != '/') {
       base.push_back('/');
     }
-    RepairStreams(base + "/" + Today());
+    RepairStreams(base + "/" + CurrentDay());
   }
 }
 

@@ -119,36 +119,43 @@ int JsonUtil::JsonLoadFile(std::string path) {
   return root_ != nullptr ? kOk : kLoadFailed;
 }
 
-int JsonUtil::JsonLoadString(const std::string& text) {
+int JsonUtil::JsonLoadString(const std::string& text) { return JsonLoadString(std::string(text)); }
+
+int JsonUtil::JsonLoadString(std::string&& text) {
   Release();
-  text_ = text;
+  text_ = std::move(text);
   json_error_t error;
   root_ = json_loads(text_.c_str(), JSON_DECODE_ANY, &error);
   return root_ != nullptr ? kOk : kLoadFailed;
 }
 
-json_t* JsonUtil::JsonGetObject(std::string path) const {
+json_t* JsonUtil::JsonGetObject(const std::string& path) const {
   if (root_ == nullptr) {
     return nullptr;
   }
-  std::vector<std::string> pieces = SplitString(path, '/');
-  if (pieces.empty()) {
-    return nullptr;
-  }
+  // Steps are the non-empty pieces between slashes, walked in place: no piece is copied for an
+  // object member, and every burying point reads a dozen members.
   json_t* node = root_;
-  for (const std::string& piece : pieces) {
-    if (json_is_object(node)) {
-      node = json_object_get(node, piece.c_str());
-    } else if (json_is_array(node)) {
-      node = ArrayStep(node, piece);
-    } else {
-      node = nullptr;
+  bool stepped = false;
+  for (size_t at = 0; at < path.size();) {
+    const size_t slash = path.find('/', at);
+    const size_t end = slash == std::string::npos ? path.size() : slash;
+    if (end > at) {
+      if (json_is_object(node)) {
+        node = json_object_getn(node, path.data() + at, end - at);
+      } else if (json_is_array(node)) {
+        node = ArrayStep(node, path.substr(at, end - at));
+      } else {
+        node = nullptr;
+      }
+      if (node == nullptr) {
+        return nullptr;
+      }
+      stepped = true;
     }
-    if (node == nullptr) {
-      return nullptr;
-    }
+    at = end + 1;
   }
-  return node;
+  return stepped ? node : nullptr;
 }
 
 int JsonUtil::FindValue(const std::string& path, int index, json_t** value) const {
@@ -163,7 +170,7 @@ int JsonUtil::FindValue(const std::string& path, int index, json_t** value) cons
   return kOk;
 }
 
-int JsonUtil::JsonGetString(std::string path, std::string& out, int index) const {
+int JsonUtil::JsonGetString(const std::string& path, std::string& out, int index) const {
   json_t* value = nullptr;
   const int found = FindValue(path, index, &value);
   if (found != kOk) {
@@ -184,7 +191,7 @@ int JsonUtil::JsonGetString(std::string path, std::string& out, int index) const
   return kOk;
 }
 
-int JsonUtil::JsonGetInteger(std::string path, int* out, int index) const {
+int JsonUtil::JsonGetInteger(const std::string& path, int* out, int index) const {
   json_t* value = nullptr;
   const int found = FindValue(path, index, &value);
   if (found != kOk) {
@@ -200,7 +207,7 @@ int JsonUtil::JsonGetInteger(std::string path, int* out, int index) const {
   return kOk;
 }
 
-int JsonUtil::JsonGetDouble(std::string path, double* out, int index) const {
+int JsonUtil::JsonGetDouble(const std::string& path, double* out, int index) const {
   json_t* value = nullptr;
   const int found = FindValue(path, index, &value);
   if (found != kOk) {
@@ -215,7 +222,7 @@ int JsonUtil::JsonGetDouble(std::string path, double* out, int index) const {
   return kOk;
 }
 
-int JsonUtil::JsonGetArraySize(std::string path, int* out) const {
+int JsonUtil::JsonGetArraySize(const std::string& path, int* out) const {
   if (out != nullptr) {
     *out = 0;
   }
@@ -232,7 +239,7 @@ int JsonUtil::JsonGetArraySize(std::string path, int* out) const {
   return kOk;
 }
 
-int JsonUtil::JsonGetJsonObjectList(std::string path, std::vector<JsonUtil>& out) const {
+int JsonUtil::JsonGetJsonObjectList(const std::string& path, std::vector<JsonUtil>& out) const {
   json_t* node = JsonGetObject(path);
   if (!json_is_object(node)) {
     return kNotFound;

@@ -54,20 +54,21 @@ class JsonUtil {
   int JsonLoadFile(std::string path);
   // Replaces the document with `text` parsed; any JSON value is accepted at the top. 0 or -1.
   int JsonLoadString(const std::string& text);
+  int JsonLoadString(std::string&& text);
 
   // The node at path, borrowed (the caller must not drop a reference on it), or null.
-  json_t* JsonGetObject(std::string path) const;
+  json_t* JsonGetObject(const std::string& path) const;
 
   // Getters: a negative index reads the node at path itself; index >= 0 reads that element of
   // the array at path. 0, or -2/-3/-5 (-13 for the string's work buffer).
-  int JsonGetString(std::string path, std::string& out, int index) const;
-  int JsonGetInteger(std::string path, int* out, int index) const;
+  int JsonGetString(const std::string& path, std::string& out, int index) const;
+  int JsonGetInteger(const std::string& path, int* out, int index) const;
   // Only real nodes are read: an integer such as 5 is refused (-3); write 5.0.
-  int JsonGetDouble(std::string path, double* out, int index) const;
+  int JsonGetDouble(const std::string& path, double* out, int index) const;
   // Sets out to 0 first. 0, -5, or -3 when the node is not an array.
-  int JsonGetArraySize(std::string path, int* out) const;
+  int JsonGetArraySize(const std::string& path, int* out) const;
   // Appends one document per member value of the object at path (member names are dropped).
-  int JsonGetJsonObjectList(std::string path, std::vector<JsonUtil>& out) const;
+  int JsonGetJsonObjectList(const std::string& path, std::vector<JsonUtil>& out) const;
 
   // Stores value at path, creating missing intermediate objects. Takes its own reference on
   // value; the caller keeps its own. A path of one piece only makes sure an object exists under

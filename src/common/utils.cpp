@@ -215,6 +215,17 @@ std::string GenerateLocalTime() {
   return text;
 }
 
+std::string CurrentDay() {
+  thread_local int64_t second = -1;
+  thread_local std::string day;
+  const int64_t now = static_cast<int64_t>(nuv_time());
+  if (now != second || day.empty()) {
+    day = GenerateCurrentTime("%Y%m%d", 16);
+    second = now;
+  }
+  return day;
+}
+
 std::string GenerateCurrentTime(const std::string& format, int size) {
   if (size < 0) {
     return std::string();

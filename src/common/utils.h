@@ -61,6 +61,9 @@ std::string GenerateLocalTime();
 // The current platform time (test offset included) as local time through strftime(format),
 // at most `size` bytes; empty when the buffer cannot be had. Pass a size that fits the format.
 std::string GenerateCurrentTime(const std::string& format, int size);
+// Today's local date, "%Y%m%d", as GenerateCurrentTime gives it; formatted at most once a second
+// per thread, since the store asks on every write.
+std::string CurrentDay();
 
 // ---- keys ----
 

@@ -122,7 +122,7 @@ bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, 
     Reset();
     return false;
   }
-  time_ = GenerateCurrentTime("%Y%m%d", 16);
+  time_ = CurrentDay();
   ConstructPath(GetStoreBaseDirectory(type_));
   MakeKey();
   return true;

@@ -10,7 +10,6 @@
 
 namespace {
 
-std::string Today() { return GenerateCurrentTime("%Y%m%d", 16); }
 
 // True when `line` is a whole index line locating a record that lies inside the content.
 bool LocatesStoredRecord(const std::string& line, uint64_t contentSize) {
@@ -171,7 +170,7 @@ bool CFileUnit::Reset() {
   if (indexPath_.empty() || contentPath_.empty()) {
     return true;
   }
-  const std::string today = Today();
+  const std::string today = CurrentDay();
   if (today != time_ || contentOffset_ - flushedContentOffset_ > kReopenThreshold) {
     // A new day moves the stream to that day's directory; within the day the same pair is
     // closed and reopened. The unit keeps its own name: a name holding "-" would not parse
@@ -187,10 +186,10 @@ bool CFileUnit::Reset() {
   const int64_t limit = IsMaintainceLogType(type_)
                             ? CClearnCfg::GetInstance()->GetLimitFileSize()
                             : CAdditionCtrlor::GetInstance()->GetFileSize(static_cast<int>(type_));
-  const uint64_t indexSize = nuv_file_size(indexPath_.c_str());
-  const uint64_t contentSize = nuv_file_size(contentPath_.c_str());
-  if (limit >= 0 && indexSize <= static_cast<uint64_t>(limit) &&
-      contentSize <= static_cast<uint64_t>(limit)) {
+  // Every byte reaches the file as it is written and a failed write is cut back, so the running
+  // ends are the files' sizes: no stat is needed on every write.
+  if (limit >= 0 && indexEnd_ <= static_cast<uint64_t>(limit) &&
+      contentOffset_ <= static_cast<uint64_t>(limit)) {
     return true;
   }
   // The store is bounded by deletion: a stream past its limit starts again empty.

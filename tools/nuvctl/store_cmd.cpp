@@ -201,7 +201,7 @@ int Verify(bool json, const std::vector<unsigned int>& ownTypes) {
 
 // What the pass would do, by the same rules and in the same order, touching nothing.
 int DryRunClean(const std::vector<int>& types) {
-  const std::string today = GenerateCurrentTime("%Y%m%d", 16);
+  const std::string today = CurrentDay();
   std::set<std::string> seen;
   size_t actions = 0;
   for (int type : types) {
@@ -275,7 +275,7 @@ int Cat(const Values& v, const std::vector<std::string>& operands, ReadOptions& 
   read.types = {read.type};
   std::string what = StreamName(read.name, read.pid, read.type);
   if (v.count("--since") == 0 && v.count("--until") == 0) {
-    const std::string day = v.count("--day") ? v.at("--day") : GenerateCurrentTime("%Y%m%d", 16);
+    const std::string day = v.count("--day") ? v.at("--day") : CurrentDay();
     read.since = day + " 00:00:00";
     read.until = day + " 23:59:59";
     what += " on " + day;

@@ -130,7 +130,7 @@ std::vector<Stream> Matching(const ReadOptions& o, ScratchDir* scratch) {
 }  // namespace
 
 bool ParseWhen(const std::string& when, bool end, std::string& key) {
-  const std::string today = GenerateCurrentTime("%Y%m%d", 16);
+  const std::string today = CurrentDay();
   if (when == "now") {
     key = GenerateCurrentTime("%Y%m%d %H:%M:%S", 32);
     return true;
