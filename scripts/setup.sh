@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev librdkafka-dev
   tar gzip procps socat
   debootstrap
 )

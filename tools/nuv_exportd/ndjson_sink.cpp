@@ -1,0 +1,99 @@
+// NDJSON lines {"day","name","pid","type","offset","record"} on standard output or appended to
+// a file, for any other shipper to take from there. A record is confirmed once its line is
+// flushed, and for a file synced.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "common/log.h"
+#include "json_text.h"
+#include "sink.h"
+
+namespace nuvexport {
+namespace {
+
+class NdjsonSink : public Sink {
+ public:
+  explicit NdjsonSink(ConfirmFn confirm) : confirm_(std::move(confirm)) {}
+  ~NdjsonSink() override {
+    if (fd_ > STDOUT_FILENO) ::close(fd_);
+  }
+
+  bool Open(const std::string& path, std::string& error) {
+    if (path == "-") {
+      fd_ = STDOUT_FILENO;
+      return true;
+    }
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    if (fd_ < 0) error = "cannot open " + path + ": " + std::strerror(errno);
+    return fd_ >= 0;
+  }
+
+  bool Send(const StreamId& id, const Record& record, uint32_t slot) override {
+    buffer_ += "{\"day\":";
+    AppendJsonString(buffer_, id.day);
+    buffer_ += ",\"name\":";
+    AppendJsonString(buffer_, id.name);
+    buffer_ += ",\"pid\":" + std::to_string(id.pid) + ",\"type\":" + std::to_string(id.type) +
+               ",\"offset\":" + std::to_string(record.offset) + ",\"record\":";
+    AppendJsonString(buffer_, record.bytes);
+    buffer_ += "}\n";
+    pending_.push_back(slot);
+    return true;
+  }
+
+  void Poll(int) override { Write(); }
+  void Drain(int) override { Write(); }
+  bool Broken(std::string&) override { return false; }
+
+ private:
+  void Write() {
+    if (pending_.empty()) return;
+    std::string error;
+    size_t done = 0;
+    while (done < buffer_.size()) {
+      const ssize_t n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        error = std::strerror(errno);
+        break;
+      }
+      done += static_cast<size_t>(n);
+    }
+    // A pipe or terminal cannot be synced; what the kernel took is as far as it goes.
+    if (error.empty() && ::fsync(fd_) != 0 && errno != EINVAL && errno != EROFS) {
+      error = std::strerror(errno);
+    }
+    if (!error.empty()) ZLOG_ERROR("[exportd] cannot write NDJSON: %s", error.c_str());
+    // A partly written batch is shipped again whole: lines before the cut may repeat.
+    buffer_.clear();
+    std::vector<uint32_t> slots;
+    slots.swap(pending_);
+    for (uint32_t slot : slots) confirm_(slot, error.empty(), error);
+  }
+
+  ConfirmFn confirm_;
+  int fd_ = -1;
+  std::string buffer_;
+  std::vector<uint32_t> pending_;
+};
+
+}  // namespace
+
+std::unique_ptr<Sink> MakeNdjsonSink(const ExportConfig& config, ConfirmFn confirm,
+                                     std::string& error) {
+  auto sink = std::make_unique<NdjsonSink>(std::move(confirm));
+  if (!sink->Open(config.ndjsonPath, error)) return nullptr;
+  return sink;
+}
+
+std::unique_ptr<Sink> MakeSink(const ExportConfig& config, ConfirmFn confirm, std::string& error) {
+  return config.output == "ndjson" ? MakeNdjsonSink(config, std::move(confirm), error)
+                                   : MakeKafkaSink(config, std::move(confirm), error);
+}
+
+}  // namespace nuvexport
