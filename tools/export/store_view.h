@@ -48,14 +48,21 @@ int64_t DayStart(const std::string& day);
 struct Record {
   uint64_t line = 0;  // 1-based index line
   uint32_t offset = 0;
+  const char* data = nullptr;  // into the batch's bytes
+  uint32_t size = 0;
+};
+
+// Records of one stream as read together.
+struct RecordBatch {
   std::string bytes;
+  std::vector<Record> records;
 };
 
 // Reads records of one stream from line `first` (1-based) on, at most `maxRecords` of them and
 // stopping once `maxBytes` are read. It stops at the first line that is partial, does not parse
 // or points past the content: a torn tail is never returned. False when the files cannot be read.
 bool ReadRecords(const StoredStream& stream, uint64_t first, size_t maxRecords, size_t maxBytes,
-                 std::vector<Record>& out);
+                 RecordBatch& out);
 
 }  // namespace nuvexport
 

@@ -4,7 +4,7 @@ namespace nuvexport {
 namespace {
 
 // Length of the valid UTF-8 sequence at `at`, or 0.
-size_t Utf8Length(const std::string& s, size_t at) {
+size_t Utf8Length(const char* s, size_t size, size_t at) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
   const unsigned char lead = byte(at);
   size_t length = 0;
@@ -23,7 +23,7 @@ size_t Utf8Length(const std::string& s, size_t at) {
   } else {
     return 0;
   }
-  if (at + length > s.size()) return 0;
+  if (at + length > size) return 0;
   if (byte(at + 1) < low || byte(at + 1) > high) return 0;
   for (size_t i = 2; i < length; ++i) {
     if (byte(at + i) < 0x80 || byte(at + i) > 0xBF) return 0;
@@ -33,15 +33,24 @@ size_t Utf8Length(const std::string& s, size_t at) {
 
 }  // namespace
 
-void AppendJsonString(std::string& out, const std::string& bytes) {
+void AppendJsonString(std::string& out, const char* bytes, size_t size) {
   static const char kHex[] = "0123456789abcdef";
   out.push_back('"');
-  for (size_t i = 0; i < bytes.size();) {
+  for (size_t i = 0; i < size;) {
+    // Plain printable ASCII, most of a record, goes over in one piece.
+    size_t plain = i;
+    while (plain < size && bytes[plain] >= 0x20 && bytes[plain] < 0x7f &&
+           bytes[plain] != '"' && bytes[plain] != '\\') {
+      ++plain;
+    }
+    out.append(bytes + i, plain - i);
+    i = plain;
+    if (i == size) break;
     const unsigned char c = static_cast<unsigned char>(bytes[i]);
     if (c >= 0x80) {
-      const size_t length = Utf8Length(bytes, i);
+      const size_t length = Utf8Length(bytes, size, i);
       if (length != 0) {
-        out.append(bytes, i, length);
+        out.append(bytes + i, length);
         i += length;
         continue;
       }

@@ -14,6 +14,10 @@ namespace {
 struct ProducerFree {
   void operator()(rd_kafka_t* rk) const { rd_kafka_destroy(rk); }
 };
+struct TopicFree {
+  void operator()(rd_kafka_topic_t* rkt) const { rd_kafka_topic_destroy(rkt); }
+};
+using TopicPtr = std::unique_ptr<rd_kafka_topic_t, TopicFree>;
 struct ConfFree {
   void operator()(rd_kafka_conf_t* conf) const { rd_kafka_conf_destroy(conf); }
 };
@@ -30,6 +34,9 @@ const std::pair<const char*, const char*> kDefaults[] = {
     {"linger.ms", "5"},
     {"client.id", "nuv_exportd"},
 };
+
+// How long the start waits for a topic's partitions; a broker that is away costs no more.
+constexpr int kMetadataWaitMs = 2000;
 
 class KafkaSink : public Sink {
  public:
@@ -66,7 +73,16 @@ class KafkaSink : public Sink {
     }
     conf.release();  // rd_kafka_new owns it now
     producer_.reset(rk);
-    return true;
+    // Topics are looked up now: learnt on the first record, their partitions would come only
+    // with the next periodic metadata refresh, a second later.
+    topic_.reset(Topic(config_.topic));
+    bool named = topic_ != nullptr;
+    for (const auto& byType : config_.topicByType) {
+      topicByType_[byType.first].reset(Topic(byType.second));
+      named = named && topicByType_[byType.first] != nullptr;
+    }
+    if (!named) error = std::string("a topic name was refused: ") + rd_kafka_err2str(rd_kafka_last_error());
+    return named;
   }
 
   ~KafkaSink() override {
@@ -77,20 +93,26 @@ class KafkaSink : public Sink {
   }
 
   bool Send(const StreamId& id, const Record& record, uint32_t slot) override {
-    auto topic = config_.topicByType.find(id.type);
-    const std::string& name = topic == config_.topicByType.end() ? config_.topic : topic->second;
-    const std::string key = id.Key();
-    const std::string pid = std::to_string(id.pid);
-    const std::string type = std::to_string(id.type);
+    auto byType = topicByType_.find(id.type);
+    rd_kafka_topic_t* topic = byType == topicByType_.end() ? topic_.get() : byType->second.get();
+    if (!(tagged_ == id)) {
+      tagged_ = id;
+      key_ = id.Key();
+      pid_ = std::to_string(id.pid);
+      type_ = std::to_string(id.type);
+    }
+    const std::string& key = key_;
+    const std::string& pid = pid_;
+    const std::string& type = type_;
     rd_kafka_headers_t* headers = rd_kafka_headers_new(4);
     rd_kafka_header_add(headers, "day", -1, id.day.data(), static_cast<ssize_t>(id.day.size()));
     rd_kafka_header_add(headers, "name", -1, id.name.data(), static_cast<ssize_t>(id.name.size()));
     rd_kafka_header_add(headers, "pid", -1, pid.data(), static_cast<ssize_t>(pid.size()));
     rd_kafka_header_add(headers, "type", -1, type.data(), static_cast<ssize_t>(type.size()));
     const rd_kafka_resp_err_t err = rd_kafka_producev(
-        producer_.get(), RD_KAFKA_V_TOPIC(name.c_str()), RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
+        producer_.get(), RD_KAFKA_V_RKT(topic), RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
         RD_KAFKA_V_KEY(key.data(), key.size()),
-        RD_KAFKA_V_VALUE(const_cast<char*>(record.bytes.data()), record.bytes.size()),
+        RD_KAFKA_V_VALUE(const_cast<char*>(record.data), record.size),
         RD_KAFKA_V_HEADERS(headers),
         RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<uintptr_t>(slot))), RD_KAFKA_V_END);
     if (err == RD_KAFKA_RESP_ERR_NO_ERROR) return true;
@@ -117,6 +139,17 @@ class KafkaSink : public Sink {
   }
 
  private:
+  rd_kafka_topic_t* Topic(const std::string& name) {
+    rd_kafka_topic_t* topic = rd_kafka_topic_new(producer_.get(), name.c_str(), nullptr);
+    const struct rd_kafka_metadata* metadata = nullptr;
+    if (topic != nullptr &&
+        rd_kafka_metadata(producer_.get(), 0, topic, &metadata, kMetadataWaitMs) ==
+            RD_KAFKA_RESP_ERR_NO_ERROR) {
+      rd_kafka_metadata_destroy(metadata);
+    }
+    return topic;
+  }
+
   static void OnDelivery(rd_kafka_t*, const rd_kafka_message_t* message, void* opaque) {
     auto* self = static_cast<KafkaSink*>(opaque);
     const auto slot = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(message->_private));
@@ -137,6 +170,13 @@ class KafkaSink : public Sink {
   const ExportConfig& config_;
   ConfirmFn confirm_;
   std::unique_ptr<rd_kafka_t, ProducerFree> producer_;
+  TopicPtr topic_;
+  // The key and header texts of the stream sent last: records come in runs per stream.
+  StreamId tagged_;
+  std::string key_;
+  std::string pid_;
+  std::string type_;
+  std::map<unsigned int, TopicPtr> topicByType_;
   int lastError_ = 0;
 };
 

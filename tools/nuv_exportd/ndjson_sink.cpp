@@ -35,18 +35,24 @@ class NdjsonSink : public Sink {
 
   bool Send(const StreamId& id, const Record& record, uint32_t slot) override {
     buffer_ += "{\"day\":";
-    AppendJsonString(buffer_, id.day);
+    AppendJsonString(buffer_, id.day.data(), id.day.size());
     buffer_ += ",\"name\":";
-    AppendJsonString(buffer_, id.name);
+    AppendJsonString(buffer_, id.name.data(), id.name.size());
     buffer_ += ",\"pid\":" + std::to_string(id.pid) + ",\"type\":" + std::to_string(id.type) +
                ",\"offset\":" + std::to_string(record.offset) + ",\"record\":";
-    AppendJsonString(buffer_, record.bytes);
+    AppendJsonString(buffer_, record.data, record.size);
     buffer_ += "}\n";
     pending_.push_back(slot);
     return true;
   }
 
-  void Poll(int) override { Write(); }
+  void Poll(int timeoutMs) override {
+    if (pending_.empty()) {
+      ::usleep(static_cast<useconds_t>(timeoutMs) * 1000);
+      return;
+    }
+    Write();
+  }
   void Drain(int) override { Write(); }
   bool Broken(std::string&) override { return false; }
 

@@ -58,26 +58,37 @@ bool Shipper::Start(std::string& error) {
 int Shipper::Run(const volatile std::sig_atomic_t* stop, bool once) {
   int64_t lastScan = 0;
   bool first = true;
+  bool idle = false;  // the last turn sent nothing and nothing is in flight
   while (*stop == 0 && !stateBroken_) {
-    const bool scan = first || SteadyMs() - lastScan >= config_.pollMs;
+    Tick();
+    // Run once, an idle turn looks again at once: whether there is more, or it is done.
+    const bool scan = first || steadyNow_ - lastScan >= config_.pollMs || (once && idle);
     if (scan) {
       Scan();
-      lastScan = SteadyMs();
+      lastScan = steadyNow_;
       first = false;
     }
     const bool fed = Feed();
     sink_->Poll(fed ? 0 : kIdleWaitMs);
+    Tick();
     if (!ReplaceBrokenSink()) return 1;
     CheckHealth();
     Progress();
     Commit(false);
-    if (once && scan && !fed && freeSlots_.size() == slots_.size() && archive_ == nullptr &&
-        !archivePending_ && state_.unconfirmedSince == 0) {
+    idle = !fed && freeSlots_.size() == slots_.size();
+    if (once && scan && idle && archive_ == nullptr && !archivePending_ &&
+        state_.unconfirmedSince == 0) {
       break;
     }
   }
   sink_->Drain(5000);
   return Commit(true) && !stateBroken_ ? 0 : 1;
+}
+
+// The clocks are read once per turn of the loop: per record they cost more than the rest.
+void Shipper::Tick() {
+  steadyNow_ = SteadyMs();
+  wallNow_ = nuv_time();
 }
 
 void Shipper::Scan() {
@@ -172,7 +183,7 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
     c.stored = stored;
     dirty_ = true;
   }
-  if (c.shipped >= c.stored) c.caughtUpAt = nuv_time();
+  if (c.shipped >= c.stored) c.caughtUpAt = wallNow_;
 }
 
 void Shipper::OpenNextArchive() {
@@ -227,26 +238,25 @@ bool Shipper::Feed() {
     order.push_back(it);
   }
   bool fed = false;
-  const int64_t now = SteadyMs();
+  const int64_t now = steadyNow_;
   for (auto it : order) {
     if (freeSlots_.empty() || inflightBytes_ >= config_.windowBytes) break;
     Stream& s = it->second;
     if (s.failed || s.blocked || now < s.retryAt || s.sent >= s.cursor->stored) continue;
-    std::vector<Record> records;
     const size_t room = std::min(freeSlots_.size(), kBatchRecords);
-    if (!ReadRecords(s.files, s.sent + 1, room, config_.windowBytes - inflightBytes_, records) ||
-        records.empty()) {
+    if (!ReadRecords(s.files, s.sent + 1, room, config_.windowBytes - inflightBytes_, batch_) ||
+        batch_.records.empty()) {
       s.blocked = true;  // a torn tail, or files that went away: look again at the next scan
       continue;
     }
-    for (const Record& record : records) {
+    for (const Record& record : batch_.records) {
       const uint32_t slot = freeSlots_.back();
-      slots_[slot] = Slot{&s, record.line, static_cast<uint32_t>(record.bytes.size())};
+      slots_[slot] = Slot{&s, record.line, record.size};
       if (!sink_->Send(it->first, record, slot)) return fed;  // full: poll first
       freeSlots_.pop_back();
       s.sent = record.line;
       ++s.inflight;
-      inflightBytes_ += record.bytes.size();
+      inflightBytes_ += record.size;
       fed = true;
     }
     feedFrom_ = it->first;
@@ -263,7 +273,7 @@ void Shipper::OnConfirm(uint32_t slot, bool ok, const std::string& error) {
   Cursor& c = *s.cursor;
   if (ok) {
     ++confirmedTotal_;
-    state_.unconfirmedSince = nuv_time();
+    state_.unconfirmedSince = wallNow_;
     if (confirmed.line == c.shipped + 1) {
       ++c.shipped;
       while (s.confirmedAhead.erase(c.shipped + 1) != 0) ++c.shipped;
@@ -271,7 +281,7 @@ void Shipper::OnConfirm(uint32_t slot, bool ok, const std::string& error) {
     } else if (confirmed.line > c.shipped) {
       s.confirmedAhead.insert(confirmed.line);
     }
-    if (c.shipped >= c.stored) c.caughtUpAt = nuv_time();
+    if (c.shipped >= c.stored) c.caughtUpAt = wallNow_;
   } else {
     if (!s.failed) {
       ZLOG_ERROR("[exportd] %s: record %llu was not delivered (%s); it is shipped again from "
@@ -288,14 +298,14 @@ void Shipper::Rewind(Stream& s) {
   s.sent = s.cursor->shipped;
   s.confirmedAhead.clear();
   s.failed = false;
-  s.retryAt = SteadyMs() + kRetryMs;
+  s.retryAt = steadyNow_ + kRetryMs;
 }
 
 void Shipper::CheckHealth() {
-  const int64_t now = nuv_time();
+  const int64_t now = wallNow_;
   bool waiting = freeSlots_.size() != slots_.size();
-  for (const auto& entry : streams_) {
-    waiting = waiting || entry.second.retryAt > SteadyMs();
+  for (auto it = streams_.begin(); it != streams_.end() && !waiting; ++it) {
+    waiting = it->second.retryAt > steadyNow_;
   }
   if (!waiting) {
     dirty_ = dirty_ || state_.unconfirmedSince != 0;
@@ -310,9 +320,9 @@ void Shipper::CheckHealth() {
         "nothing confirmed for more than " + std::to_string(limit) + " s (" +
         (keep ? "the store's keep period" : "alarm_after_seconds") +
         "): the store may delete records before they are shipped";
-    if (state_.alarm != alarm || SteadyMs() - lastAlarmLogMs_ >= kAlarmRepeatMs) {
+    if (state_.alarm != alarm || steadyNow_ - lastAlarmLogMs_ >= kAlarmRepeatMs) {
       ZLOG_ERROR("[exportd] %s", alarm.c_str());
-      lastAlarmLogMs_ = SteadyMs();
+      lastAlarmLogMs_ = steadyNow_;
     }
     dirty_ = dirty_ || state_.alarm != alarm;
     state_.alarm = alarm;
@@ -324,10 +334,10 @@ void Shipper::CheckHealth() {
 }
 
 bool Shipper::Commit(bool force) {
-  const int64_t now = SteadyMs();
+  const int64_t now = steadyNow_;
   const bool due = dirty_ && now - lastCommitMs_ >= config_.commitMs;
   if (!force && !due && now - lastCommitMs_ < kHeartbeatMs) return true;
-  state_.updatedAt = nuv_time();
+  state_.updatedAt = wallNow_;
   std::string error;
   if (!SaveState(statePath_, state_, error)) {
     ZLOG_ERROR("[exportd] %s; stopping, the cursor cannot be kept", error.c_str());
@@ -349,7 +359,7 @@ uint64_t Shipper::Backlog() const {
 }
 
 void Shipper::Progress() {
-  const int64_t now = SteadyMs();
+  const int64_t now = steadyNow_;
   if (now - lastProgressMs_ < kProgressMs) return;
   const uint64_t backlog = Backlog();
   if (backlog >= kProgressBacklog && lastProgressMs_ != 0) {

@@ -53,6 +53,7 @@ class Shipper {
     uint32_t bytes = 0;
   };
 
+  void Tick();
   void Scan();
   void Track(const StoredStream& files, bool fromArchive);
   void OpenNextArchive();
@@ -75,6 +76,7 @@ class Shipper {
   std::vector<Slot> slots_;
   std::vector<uint32_t> freeSlots_;
   uint64_t inflightBytes_ = 0;
+  RecordBatch batch_;  // reused, so reading allocates once
   std::unique_ptr<UnpackedArchive> archive_;
   bool archivePending_ = false;  // an archive waits to be opened
   StreamId feedFrom_;            // round robin over streams
@@ -85,6 +87,8 @@ class Shipper {
   uint64_t progressConfirmed_ = 0;
   int64_t lastProgressMs_ = 0;
   bool stateBroken_ = false;
+  int64_t steadyNow_ = 0;  // ms, for intervals
+  int64_t wallNow_ = 0;    // s, the library's clock, for what the state file records
 };
 
 }  // namespace nuvexport
