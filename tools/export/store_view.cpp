@@ -173,9 +173,11 @@ bool ReadRecords(const StoredStream& stream, uint64_t first, size_t maxRecords, 
   if (first == 0 || first > lines) return true;
   const uint64_t contentSize = static_cast<uint64_t>(contentStat.st_size);
   const size_t count = static_cast<size_t>(std::min<uint64_t>(lines - first + 1, maxRecords));
-  std::string block(count * kIndexLineSize, '\0');
+  std::string& block = out.indexLines;
+  std::vector<IndexData>& entries = out.entries;
+  block.resize(count * kIndexLineSize);
+  entries.clear();
   if (!ReadAt(index.get(), &block[0], block.size(), (first - 1) * kIndexLineSize)) return false;
-  std::vector<IndexData> entries;
   uint64_t begin = UINT64_MAX;
   uint64_t end = 0;
   size_t bytes = 0;

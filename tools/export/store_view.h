@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "export_state.h"
+#include "file/fileindex.h"
 
 namespace nuvexport {
 
@@ -52,10 +53,13 @@ struct Record {
   uint32_t size = 0;
 };
 
-// Records of one stream as read together.
+// Records of one stream as read together. Reused from read to read, so its buffers are
+// allocated once.
 struct RecordBatch {
   std::string bytes;
   std::vector<Record> records;
+  std::string indexLines;
+  std::vector<IndexData> entries;
 };
 
 // Reads records of one stream from line `first` (1-based) on, at most `maxRecords` of them and

@@ -45,6 +45,7 @@ bool Shipper::Start(std::string& error) {
   }
   if (!LoadState(statePath_, state_, error)) return false;
   UnpackedArchive::RemoveLeftovers(config_.stateDir);
+  writer_ = std::make_unique<StateWriter>(statePath_);
   state_.pid = static_cast<long>(::getpid());
   state_.alarm.clear();
   slots_.assign(config_.windowRecords, Slot());
@@ -82,6 +83,7 @@ int Shipper::Run(const volatile std::sig_atomic_t* stop, bool once) {
     }
   }
   sink_->Drain(5000);
+  Tick();
   return Commit(true) && !stateBroken_ ? 0 : 1;
 }
 
@@ -232,7 +234,8 @@ void Shipper::FinishArchive() {
 bool Shipper::Feed() {
   if (streams_.empty()) return false;
   // Round robin: start after the stream fed last, so one large backlog does not starve others.
-  std::vector<std::map<StreamId, Stream>::iterator> order;
+  std::vector<std::map<StreamId, Stream>::iterator>& order = order_;
+  order.clear();
   for (auto it = streams_.upper_bound(feedFrom_); it != streams_.end(); ++it) order.push_back(it);
   for (auto it = streams_.begin(); it != streams_.end() && order.size() < streams_.size(); ++it) {
     order.push_back(it);
@@ -334,18 +337,24 @@ void Shipper::CheckHealth() {
 }
 
 bool Shipper::Commit(bool force) {
-  const int64_t now = steadyNow_;
-  const bool due = dirty_ && now - lastCommitMs_ >= config_.commitMs;
-  if (!force && !due && now - lastCommitMs_ < kHeartbeatMs) return true;
-  state_.updatedAt = wallNow_;
   std::string error;
-  if (!SaveState(statePath_, state_, error)) {
+  if (!writer_->Healthy(error)) {
     ZLOG_ERROR("[exportd] %s; stopping, the cursor cannot be kept", error.c_str());
     stateBroken_ = true;
     return false;
   }
-  dirty_ = false;
-  lastCommitMs_ = now;
+  const bool due = dirty_ && steadyNow_ - lastCommitMs_ >= config_.commitMs;
+  if (force || due || steadyNow_ - lastCommitMs_ >= kHeartbeatMs) {
+    state_.updatedAt = wallNow_;
+    writer_->Submit(state_);
+    dirty_ = false;
+    lastCommitMs_ = steadyNow_;
+  }
+  if (force && !writer_->Flush(error)) {
+    ZLOG_ERROR("[exportd] %s; the cursor is behind what was shipped", error.c_str());
+    stateBroken_ = true;
+    return false;
+  }
   return true;
 }
 

@@ -17,6 +17,7 @@
 #include "export_config.h"
 #include "export_state.h"
 #include "sink.h"
+#include "state_writer.h"
 #include "store_view.h"
 
 namespace nuvexport {
@@ -71,12 +72,14 @@ class Shipper {
   const StoreLayout& layout_;
   std::string statePath_;
   ExportState state_;
+  std::unique_ptr<StateWriter> writer_;
   std::unique_ptr<Sink> sink_;
   std::map<StreamId, Stream> streams_;
   std::vector<Slot> slots_;
   std::vector<uint32_t> freeSlots_;
   uint64_t inflightBytes_ = 0;
   RecordBatch batch_;  // reused, so reading allocates once
+  std::vector<std::map<StreamId, Stream>::iterator> order_;
   std::unique_ptr<UnpackedArchive> archive_;
   bool archivePending_ = false;  // an archive waits to be opened
   StreamId feedFrom_;            // round robin over streams
