@@ -6,6 +6,7 @@
 // kcat comes from the Debian package kafkacat: bench/setup.sh installs it.
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,13 +56,23 @@ double Seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
 
-// Runs argv to its end; its exit status and the seconds it took.
-int Timed(const std::vector<std::string>& argv, const nuvtest::TempDir& dir, double& seconds) {
+double ChildrenCpu() {
+  struct rusage usage {};
+  ::getrusage(RUSAGE_CHILDREN, &usage);
+  return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// Runs argv to its end; its exit status, the seconds it took and the CPU seconds it used.
+int Timed(const std::vector<std::string>& argv, const nuvtest::TempDir& dir, double& seconds,
+          double* cpu = nullptr) {
+  const double cpuBefore = ChildrenCpu();
   const auto start = std::chrono::steady_clock::now();
   const char* path = std::getenv("PATH");
   const nuvtest::RunResult run =
       nuvtest::Run(argv, {std::string("PATH=") + (path ? path : "/usr/bin:/bin")}, dir);
   seconds = Seconds(start);
+  if (cpu != nullptr) *cpu = ChildrenCpu() - cpuBefore;
   if (run.code != 0) std::fprintf(stderr, "%s failed (%d): %s\n", argv[0].c_str(), run.code, run.err.c_str());
   return run.code;
 }
@@ -123,25 +134,27 @@ int main(int argc, char** argv) {
   double ndjsonSeconds = 0;
   double exportSeconds = 0;
   double kcatSeconds = 0;
+  double exportCpu = 0;
+  double kcatCpu = 0;
   if (Timed({exportd, "--once", "--log-level", "1", "--config", root.Sub("ndjson.json")}, root,
             ndjsonSeconds) != 0 ||
       Timed({exportd, "--once", "--log-level", "1", "--config", root.Sub("kafka.json")}, root,
-            exportSeconds) != 0) {
+            exportSeconds, &exportCpu) != 0) {
     return 1;
   }
   std::printf("nuv_exportd -> NDJSON file:       %8.0f records/s (%.2f s)\n",
               records / ndjsonSeconds, ndjsonSeconds);
-  std::printf("nuv_exportd -> mock cluster:      %8.0f records/s (%.2f s, %lld in the topic)\n",
-              records / exportSeconds, exportSeconds,
+  std::printf("nuv_exportd -> mock cluster:      %8.0f records/s (%.2f s, %.2f s CPU, %lld in the topic)\n",
+              records / exportSeconds, exportSeconds, exportCpu,
               static_cast<long long>(TopicSize(probe, "bench-exportd", partitions)));
   const bool haveKcat = ::access("/usr/bin/kcat", X_OK) == 0;
   if (!haveKcat) {
     std::printf("kcat not found: run bench/setup.sh (Debian package kafkacat) for the comparison\n");
   } else if (Timed({"/usr/bin/kcat", "-P", "-b", bootstraps, "-t", "bench-kcat", "-X", "acks=all", "-X",
                     "enable.idempotence=true", "-l", root.Sub("records.ndjson")},
-                   root, kcatSeconds) == 0) {
-    std::printf("kcat -P from the NDJSON file:     %8.0f records/s (%.2f s, %lld in the topic)\n",
-                records / kcatSeconds, kcatSeconds,
+                   root, kcatSeconds, &kcatCpu) == 0) {
+    std::printf("kcat -P from the NDJSON file:     %8.0f records/s (%.2f s, %.2f s CPU, %lld in the topic)\n",
+                records / kcatSeconds, kcatSeconds, kcatCpu,
                 static_cast<long long>(TopicSize(probe, "bench-kcat", partitions)));
     std::printf("nuv_exportd / kcat: %.2fx\n", kcatSeconds / exportSeconds);
   }
