@@ -92,7 +92,8 @@ class KafkaSink : public Sink {
     rd_kafka_poll(producer_.get(), 0);
   }
 
-  bool Send(const StreamId& id, const Record& record, uint32_t slot) override {
+  SendResult Send(const StreamId& id, const Record& record, uint32_t slot,
+                  std::string& why) override {
     auto byType = topicByType_.find(id.type);
     rd_kafka_topic_t* topic = byType == topicByType_.end() ? topic_.get() : byType->second.get();
     if (!(tagged_ == id)) {
@@ -115,13 +116,11 @@ class KafkaSink : public Sink {
         RD_KAFKA_V_VALUE(const_cast<char*>(record.data), record.size),
         RD_KAFKA_V_HEADERS(headers),
         RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<uintptr_t>(slot))), RD_KAFKA_V_END);
-    if (err == RD_KAFKA_RESP_ERR_NO_ERROR) return true;
+    if (err == RD_KAFKA_RESP_ERR_NO_ERROR) return SendResult::kTaken;
     rd_kafka_headers_destroy(headers);
-    if (err != RD_KAFKA_RESP_ERR__QUEUE_FULL) {
-      ZLOG_ERROR("[exportd] kafka refused a record of %s: %s", id.Describe().c_str(),
-                 rd_kafka_err2str(err));
-    }
-    return false;
+    if (err == RD_KAFKA_RESP_ERR__QUEUE_FULL) return SendResult::kFull;
+    why = rd_kafka_err2str(err);
+    return SendResult::kRefused;
   }
 
   void Poll(int timeoutMs) override { rd_kafka_poll(producer_.get(), timeoutMs); }

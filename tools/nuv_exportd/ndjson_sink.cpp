@@ -33,7 +33,8 @@ class NdjsonSink : public Sink {
     return fd_ >= 0;
   }
 
-  bool Send(const StreamId& id, const Record& record, uint32_t slot) override {
+  SendResult Send(const StreamId& id, const Record& record, uint32_t slot,
+                  std::string&) override {
     buffer_ += "{\"day\":";
     AppendJsonString(buffer_, id.day.data(), id.day.size());
     buffer_ += ",\"name\":";
@@ -43,7 +44,7 @@ class NdjsonSink : public Sink {
     AppendJsonString(buffer_, record.data, record.size);
     buffer_ += "}\n";
     pending_.push_back(slot);
-    return true;
+    return SendResult::kTaken;
   }
 
   void Poll(int timeoutMs) override {

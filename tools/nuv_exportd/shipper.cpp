@@ -255,7 +255,13 @@ bool Shipper::Feed() {
     for (const Record& record : batch_.records) {
       const uint32_t slot = freeSlots_.back();
       slots_[slot] = Slot{&s, record.line, record.size};
-      if (!sink_->Send(it->first, record, slot)) return fed;  // full: poll first
+      std::string why;
+      const SendResult sent = sink_->Send(it->first, record, slot, why);
+      if (sent == SendResult::kFull) return fed;  // poll first
+      if (sent == SendResult::kRefused) {
+        Fail(s, record.line, why);
+        break;
+      }
       freeSlots_.pop_back();
       s.sent = record.line;
       ++s.inflight;
@@ -286,15 +292,20 @@ void Shipper::OnConfirm(uint32_t slot, bool ok, const std::string& error) {
     }
     if (c.shipped >= c.stored) c.caughtUpAt = wallNow_;
   } else {
-    if (!s.failed) {
-      ZLOG_ERROR("[exportd] %s: record %llu was not delivered (%s); it is shipped again from "
-                 "record %llu",
-                 s.files.id.Describe().c_str(), U(confirmed.line), error.c_str(),
-                 U(c.shipped + 1));
-    }
-    s.failed = true;
+    Fail(s, confirmed.line, error);
   }
   if (s.failed && s.inflight == 0) Rewind(s);
+}
+
+// The stream is sent again from its cursor once every record in flight is back.
+void Shipper::Fail(Stream& s, uint64_t line, const std::string& why) {
+  if (!s.failed) {
+    ZLOG_ERROR("[exportd] %s: record %llu was not delivered (%s); it is shipped again from "
+               "record %llu",
+               s.files.id.Describe().c_str(), U(line), why.c_str(), U(s.cursor->shipped + 1));
+  }
+  s.failed = true;
+  if (s.inflight == 0) Rewind(s);
 }
 
 void Shipper::Rewind(Stream& s) {

@@ -61,6 +61,7 @@ class Shipper {
   void FinishArchive();
   bool Feed();
   void OnConfirm(uint32_t slot, bool ok, const std::string& error);
+  void Fail(Stream& stream, uint64_t line, const std::string& why);
   void Rewind(Stream& stream);
   void CheckHealth();
   bool Commit(bool force);

@@ -18,11 +18,17 @@ namespace nuvexport {
 
 using ConfirmFn = std::function<void(uint32_t slot, bool ok, const std::string& error)>;
 
+enum class SendResult {
+  kTaken,    // the slot will be confirmed or failed later
+  kFull,     // nothing more now: poll first
+  kRefused,  // this record was refused; `why` says why
+};
+
 class Sink {
  public:
   virtual ~Sink() = default;
-  // False when the sink takes nothing more now; the record was not taken.
-  virtual bool Send(const StreamId& id, const Record& record, uint32_t slot) = 0;
+  virtual SendResult Send(const StreamId& id, const Record& record, uint32_t slot,
+                          std::string& why) = 0;
   // Serves confirmations, waiting up to `timeoutMs` for one.
   virtual void Poll(int timeoutMs) = 0;
   // Waits up to `timeoutMs` for every record sent to be confirmed or failed.
