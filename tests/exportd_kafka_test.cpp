@@ -16,7 +16,7 @@
 #include <tuple>
 #include <vector>
 
-#include "nuv_comm.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -171,18 +171,8 @@ uint64_t SumOf(const std::string& text, const std::string& label) {
 }
 
 std::string Point(int i) {
-  return R"({"header":{"type":256,"version":"1.0","focus":"/bin/agent)" + std::to_string(i % 3) +
-         ":" + std::to_string(i % 3) +
-         R"(","id":"x1","name":"n","module":"m","function":"f","time":"t","product":"p",)"
-         R"("product_version":"1","agent_id":"a-1"},"body":{"time_start":1,"time_end":3,"time_diff":2,"seq":)" +
-         std::to_string(i) + "}}";
-}
-
-int Post(const char* topic, const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post(topic, data);
-  nuv_comm_delete_data(data);
-  return result;
+  return nuvtest::TimingPoint("/bin/agent" + std::to_string(i % 3) + ":" + std::to_string(i % 3),
+                              R"("seq":)" + std::to_string(i));
 }
 
 class ExportKafka : public ::testing::Test {
@@ -207,7 +197,7 @@ class ExportKafka : public ::testing::Test {
   }
 
   void PostPoints(int from, int to) {
-    for (int i = from; i < to; ++i) ASSERT_EQ(Post("maintenance:POST", Point(i)), 0);
+    for (int i = from; i < to; ++i) ASSERT_EQ(nuvtest::PostOnBus("maintenance:POST", Point(i)), 0);
   }
   void StartExporter() {
     exporter_ = nuvtest::Spawn({tree_.Sub("bin/nuv_exportd")},
@@ -275,7 +265,7 @@ class ExportKafka : public ::testing::Test {
 TEST_F(ExportKafka, KilledMidStreamResumesWithoutLossDespiteBrokerErrors) {
   PostPoints(0, 1500);
   // A fired monitor's record, stored as the type-100 stream of its process.
-  ASSERT_EQ(Post("maintenance:reciver",
+  ASSERT_EQ(nuvtest::PostOnBus("maintenance:reciver",
                  R"({"name":"watched","id":"m1","type":100,"pid":42,"context":"{\"cpu\":97}"})"),
             0);
   // Slow acknowledgements keep records in flight, and refused produce requests make the

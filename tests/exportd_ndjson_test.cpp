@@ -9,24 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "nuv_comm.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 namespace {
 
 std::string Point(const std::string& focus, int i) {
-  return R"({"header":{"type":256,"version":"1.0","focus":")" + focus +
-         R"(","id":"x1","name":"n","module":"m","function":"f","time":"t","product":"p",)"
-         R"("product_version":"1","agent_id":"a-1"},"body":{"time_start":1,"time_end":3,)"
-         R"("time_diff":2,"text":"line\ttab \u00e9 \"q\"","seq":)" +
-         std::to_string(i) + "}}";
-}
-
-int Post(const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post("maintenance:POST", data);
-  nuv_comm_delete_data(data);
-  return result;
+  return nuvtest::TimingPoint(focus, R"("text":"line\ttab \u00e9 \"q\"","seq":)" + std::to_string(i));
 }
 
 struct Line {
@@ -73,7 +62,7 @@ class ExportNdjson : public ::testing::Test {
   }
   void PostPoints(const std::string& focus, int from, int to) {
     ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
-    for (int i = from; i < to; ++i) ASSERT_EQ(Post(Point(focus, i)), 0);
+    for (int i = from; i < to; ++i) ASSERT_EQ(nuvtest::PostOnBus("maintenance:POST", Point(focus, i)), 0);
     ASSERT_EQ(tree_.Stop(), 0);
   }
   nuvtest::RunResult ExportOnce(const std::string& offset = "0") {
