@@ -282,7 +282,7 @@ TEST_F(ExportKafka, KilledMidStreamResumesWithoutLossDespiteBrokerErrors) {
   // Killed once some records, not all, are confirmed.
   uint64_t shipped = 0;
   for (int i = 0; i < 3000 && (shipped == 0 || shipped >= 1501); ++i) {
-    shipped = SumOf(nuvtest::ReadFile(tree_.Sub("data/export/cursor.json")), "\"shipped\": ");
+    shipped = SumOf(nuvtest::ReadFile(tree_.Sub("export/cursor.json")), "\"shipped\": ");
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   EXPECT_EQ(StopExporter(SIGKILL), 128 + SIGKILL);

@@ -114,7 +114,8 @@ bool LoadExportConfig(const std::string& path, ExportConfig& out, std::string& e
   json_t* top = root.get();
   const std::string base = DirOf(path);
   std::string storeConfig = "maintenance.json";
-  std::string stateDir = "../data/export";
+  // Outside the store: its clean-up pass would take an unpacked day for one of its own.
+  std::string stateDir = "../export";
   if (!GetString(top, "store_config", storeConfig, error) ||
       !GetString(top, "state_dir", stateDir, error) ||
       !GetString(top, "output", out.output, error) ||

@@ -95,6 +95,20 @@ bool LoadStoreLayout(const std::string& configPath, StoreLayout& out, std::strin
   return true;
 }
 
+bool OutsideStore(const std::string& dir, const StoreLayout& layout, std::string& error) {
+  std::error_code ignored;
+  const std::string inside = std::filesystem::weakly_canonical(dir, ignored).string() + "/";
+  for (const std::string& base : layout.bases) {
+    const std::string store = std::filesystem::weakly_canonical(base, ignored).string() + "/";
+    if (inside.compare(0, store.size(), store) == 0) {
+      error = "the state directory " + dir + " lies in the store " + base +
+              ", whose clean-up would pack or delete what is unpacked there";
+      return false;
+    }
+  }
+  return true;
+}
+
 std::vector<StoredStream> ListStreams(const std::string& root) {
   std::map<StreamId, StoredStream> found;
   std::error_code failed;

@@ -23,6 +23,10 @@ struct StoreLayout {
 // Loads the daemon's configuration into the library's sections. False with `error`.
 bool LoadStoreLayout(const std::string& configPath, StoreLayout& out, std::string& error);
 
+// False, with `error`, when `dir` lies in one of the store's base directories: the
+// clean-up pass there would pack or delete what it finds in it.
+bool OutsideStore(const std::string& dir, const StoreLayout& layout, std::string& error);
+
 struct StoredStream {
   StreamId id;
   std::string indexPath;

@@ -111,6 +111,11 @@ int main(int argc, char** argv) {
     nuv_log_stop();
     return 1;
   }
+  if (!nuvexport::OutsideStore(config.stateDir, layout, error)) {
+    ZLOG_ERROR("[exportd] %s", error.c_str());
+    nuv_log_stop();
+    return 1;
+  }
   int code = 1;
   {
     nuvexport::Shipper shipper(config, layout);
