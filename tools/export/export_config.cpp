@@ -124,7 +124,7 @@ bool LoadExportConfig(const std::string& path, ExportConfig& out, std::string& e
       !GetUnsigned(top, "window_records", 1, 1000000, out.windowRecords, error) ||
       !GetUnsigned(top, "window_bytes", 1 << 20, 1 << 30, out.windowBytes, error) ||
       !GetUnsigned(top, "commit_ms", 0, 60000, out.commitMs, error) ||
-      !GetNumber(top, "alarm_after_seconds", 1, 100L * 365 * 86400, out.alarmAfterSeconds,
+      !GetNumber(top, "alarm_after_seconds", 1, 10L * 365 * 86400, out.alarmAfterSeconds,
                  error) ||
       !ParseKafka(json_object_get(top, "kafka"), out, error)) {
     return false;
