@@ -104,7 +104,8 @@ bool LoadExportConfig(const std::string& path, ExportConfig& out, std::string& e
   json_error_t parseError;
   JsonPtr root(json_load_file(path.c_str(), 0, &parseError));
   if (root == nullptr) {
-    error = std::string(parseError.text) + " (line " + std::to_string(parseError.line) + ")";
+    error = parseError.text;
+    if (parseError.line > 0) error += " (line " + std::to_string(parseError.line) + ")";
     return false;
   }
   if (!json_is_object(root.get())) {
