@@ -52,6 +52,21 @@ bool MakeStore(const std::string& base, long records, int streams) {
   return true;
 }
 
+// records.ndjson split into streamS.ndjson by the stream each line names.
+bool SplitByStream(const nuvtest::TempDir& root, int streams) {
+  std::ifstream in(root.Sub("records.ndjson"));
+  std::vector<std::ofstream> out;
+  for (int s = 0; s < streams; ++s) out.emplace_back(root.Sub("stream" + std::to_string(s) + ".ndjson"));
+  const std::string field = "\"name\":\"agent";
+  for (std::string line; std::getline(in, line);) {
+    const size_t at = line.find(field);
+    if (at == std::string::npos) return false;
+    out[std::atoi(line.c_str() + at + field.size()) % streams] << line << '\n';
+  }
+  for (std::ofstream& file : out) file.flush();
+  return true;
+}
+
 double Seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
@@ -115,6 +130,7 @@ int main(int argc, char** argv) {
   rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(handle, 1);
   rd_kafka_mock_topic_create(cluster, "bench-exportd", partitions, 1);
   rd_kafka_mock_topic_create(cluster, "bench-kcat", partitions, 1);
+  rd_kafka_mock_topic_create(cluster, "bench-kcat-tagged", partitions, 1);
   const std::string bootstraps = rd_kafka_mock_cluster_bootstraps(cluster);
   rd_kafka_conf_t* probeConf = rd_kafka_conf_new();
   rd_kafka_conf_set(probeConf, "bootstrap.servers", bootstraps.c_str(), error, sizeof error);
@@ -157,6 +173,31 @@ int main(int argc, char** argv) {
                 records / kcatSeconds, kcatSeconds, kcatCpu,
                 static_cast<long long>(TopicSize(probe, "bench-kcat", partitions)));
     std::printf("nuv_exportd / kcat: %.2fx\n", kcatSeconds / exportSeconds);
+    // The same again with the exporter's message shape: each stream's lines with its key and
+    // its four headers, one kcat per stream.
+    double taggedSeconds = 0;
+    double taggedCpu = 0;
+    if (SplitByStream(root, streams)) {
+      for (int s = 0; s < streams; ++s) {
+        const std::string name = "agent" + std::to_string(s);
+        const std::string pid = std::to_string(1000 + s);
+        double seconds = 0;
+        double cpu = 0;
+        if (Timed({"/usr/bin/kcat", "-P", "-b", bootstraps, "-t", "bench-kcat-tagged", "-X",
+                   "acks=all", "-X", "enable.idempotence=true", "-k", name + ":" + pid + ":256",
+                   "-H", std::string("day=") + kDay, "-H", "name=" + name, "-H", "pid=" + pid,
+                   "-H", "type=256", "-l", root.Sub("stream" + std::to_string(s) + ".ndjson")},
+                  root, seconds, &cpu) != 0) {
+          return 1;
+        }
+        taggedSeconds += seconds;
+        taggedCpu += cpu;
+      }
+      std::printf("kcat -P, key and headers:         %8.0f records/s (%.2f s, %.2f s CPU, %lld in the topic)\n",
+                  records / taggedSeconds, taggedSeconds, taggedCpu,
+                  static_cast<long long>(TopicSize(probe, "bench-kcat-tagged", partitions)));
+      std::printf("nuv_exportd / kcat with key and headers: %.2fx\n", taggedSeconds / exportSeconds);
+    }
   }
   rd_kafka_destroy(probe);
   rd_kafka_mock_cluster_destroy(cluster);
