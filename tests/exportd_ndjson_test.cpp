@@ -123,6 +123,9 @@ TEST_F(ExportNdjson, LinesMatchTheStoreAcrossTornTailsAndAPackedDay) {
   const nuvtest::RunResult pending = tree_.Nuvctl({"export", "status", "--json"});
   EXPECT_NE(pending.out.find(day + ".tgz"), std::string::npos) << pending.out;
 
+  // What an exporter killed in the middle of a write leaves.
+  const std::string written = nuvtest::ReadFile(tree_.Sub("out.ndjson"));
+  ASSERT_TRUE(nuvtest::WriteFile(tree_.Sub("out.ndjson"), written + "{\"day\":\"2"));
   ASSERT_EQ(ExportOnce("86400").code, 0);
   EXPECT_NE(nuvtest::ReadFile(tree_.Sub("export.log")).find("was packed; shipping what is left"),
             std::string::npos);

@@ -2,6 +2,7 @@
 // a file, for any other shipper to take from there. A record is confirmed once its line is
 // flushed, and for a file synced.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,9 +29,12 @@ class NdjsonSink : public Sink {
       fd_ = STDOUT_FILENO;
       return true;
     }
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-    if (fd_ < 0) error = "cannot open " + path + ": " + std::strerror(errno);
-    return fd_ >= 0;
+    fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    if (fd_ < 0) {
+      error = "cannot open " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    return CutPartialLine(path, error);
   }
 
   SendResult Send(const StreamId& id, const Record& record, uint32_t slot,
@@ -58,6 +62,41 @@ class NdjsonSink : public Sink {
   bool Broken(std::string&) override { return false; }
 
  private:
+  // An exporter killed in the middle of a write can leave part of a line. Its records were
+  // never confirmed and are written again, so the part is cut rather than left to corrupt the
+  // line appended after it.
+  bool CutPartialLine(const std::string& path, std::string& error) {
+    struct stat st;
+    if (::fstat(fd_, &st) != 0) {
+      error = "cannot stat " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    off_t end = st.st_size;
+    char chunk[4096];
+    while (end > 0) {
+      const off_t start = end > static_cast<off_t>(sizeof chunk) ? end - sizeof chunk : 0;
+      const ssize_t n = ::pread(fd_, chunk, static_cast<size_t>(end - start), start);
+      if (n != end - start) {
+        error = "cannot read " + path + ": " + std::strerror(errno);
+        return false;
+      }
+      const void* feed = memrchr(chunk, '\n', static_cast<size_t>(n));
+      if (feed != nullptr) {
+        end = start + (static_cast<const char*>(feed) - chunk) + 1;
+        break;
+      }
+      end = start;
+    }
+    if (end == st.st_size) return true;
+    ZLOG_WARN("[exportd] %s ended in a partial line of %lld bytes; cut", path.c_str(),
+              static_cast<long long>(st.st_size - end));
+    if (::ftruncate(fd_, end) != 0) {
+      error = "cannot cut " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    return true;
+  }
+
   void Write() {
     if (pending_.empty()) return;
     std::string error;
