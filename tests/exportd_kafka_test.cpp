@@ -26,6 +26,14 @@ constexpr int16_t kProduceApi = 0;  // the Kafka protocol's ApiKey of Produce
 constexpr int kPartitions = 3;
 constexpr int kWindow = 100;
 
+#if defined(__SANITIZE_THREAD__)
+// librdkafka is not built for ThreadSanitizer: the threads it starts crash in the sanitizer's
+// allocator before any code of ours runs, in this process and in the exporter alike.
+constexpr bool kLibrdkafkaRuns = false;
+#else
+constexpr bool kLibrdkafkaRuns = true;
+#endif
+
 using Streams = std::map<std::string, std::vector<std::string>>;  // "name:pid:type" -> records
 
 struct Consumed {
@@ -38,6 +46,7 @@ struct Consumed {
 class MockCluster {
  public:
   MockCluster() {
+    if (!kLibrdkafkaRuns) return;
     char error[256];
     handle_ = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof error);
     cluster_ = handle_ ? rd_kafka_mock_cluster_new(handle_, 3) : nullptr;
@@ -178,6 +187,7 @@ std::string Point(int i) {
 class ExportKafka : public ::testing::Test {
  protected:
   void SetUp() override {
+    if (!kLibrdkafkaRuns) GTEST_SKIP() << "librdkafka cannot run under ThreadSanitizer";
     ASSERT_TRUE(tree_.ok());
     ASSERT_NE(cluster_.get(), nullptr);
     ASSERT_TRUE(nuvtest::WriteFile(tree_.Sub("config/exportd.json"), R"({
@@ -191,6 +201,7 @@ class ExportKafka : public ::testing::Test {
     ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
   }
   void TearDown() override {
+    if (!kLibrdkafkaRuns) return;
     StopExporter(SIGTERM);
     tree_.Stop();
     nuv_comm_uninit();
