@@ -14,11 +14,11 @@ namespace nuvctl {
 
 int StoreMain(int argc, char** argv);  // store_cmd.cpp
 int PostMain(int argc, char** argv);   // post_cmd.cpp
+int ExportMain(int argc, char** argv);  // export_cmd.cpp
 int BpMain(int argc, char** argv);     // bp_cmd.cpp
 int TopMain(int argc, char** argv);    // top_cmd.cpp
 int RegisterMain(int argc, char** argv);    // register_cmd.cpp
 int UnRegisterMain(int argc, char** argv);  // register_cmd.cpp
-int ExportMain(int argc, char** argv);      // export_cmd.cpp
 
 namespace {
 
