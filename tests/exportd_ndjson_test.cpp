@@ -71,6 +71,12 @@ class ExportNdjson : public ::testing::Test {
                          "PATH=/usr/bin:/bin"},
                         dir_);
   }
+  // nuvctl run a day later, when today's day is a past one.
+  nuvtest::RunResult Tomorrow(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {tree_.Sub("bin/nuvctl")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return nuvtest::Run(argv, {"NUV_TIME_OFFSET=86400", "PATH=/usr/bin:/bin"}, dir_);
+  }
   // A stream as nuvctl prints it, split back into records at the line feeds it adds.
   std::vector<std::string> Cat(const std::string& name, const std::string& pid) {
     const nuvtest::RunResult cat = tree_.Nuvctl({"store", "cat", name, pid, "256"});
@@ -115,12 +121,10 @@ TEST_F(ExportNdjson, LinesMatchTheStoreAcrossTornTailsAndAPackedDay) {
   const std::vector<std::string> mine = Cat("my-agent", "0");
   const std::vector<std::string> other = Cat("other", "0");
   ASSERT_EQ(mine.size(), 25u);
-  tree_.AddEnv("NUV_TIME_OFFSET=86400");
-  tree_.AddEnv("PATH=/usr/bin:/bin");
-  ASSERT_EQ(tree_.Nuvctl({"store", "clean"}).code, 0);
+  ASSERT_EQ(Tomorrow({"store", "clean"}).code, 0);
   ASSERT_EQ(nuvtest::ReadFile(index), "");  // packed and removed
   ASSERT_NE(nuvtest::ReadFile(tree_.Sub("data/" + day + ".tgz")), "");
-  const nuvtest::RunResult pending = tree_.Nuvctl({"export", "status", "--json"});
+  const nuvtest::RunResult pending = Tomorrow({"export", "status", "--json"});
   EXPECT_NE(pending.out.find(day + ".tgz"), std::string::npos) << pending.out;
 
   // What an exporter killed in the middle of a write leaves.
@@ -140,7 +144,7 @@ TEST_F(ExportNdjson, LinesMatchTheStoreAcrossTornTailsAndAPackedDay) {
   EXPECT_EQ(shipped["my-agent 0 256"], mine);
   EXPECT_EQ(shipped["other 0 256"], other);
   EXPECT_EQ(shipped.size(), 2u);
-  const nuvtest::RunResult done = tree_.Nuvctl({"export", "status", "--json"});
+  const nuvtest::RunResult done = Tomorrow({"export", "status", "--json"});
   EXPECT_EQ(done.code, 0);
   EXPECT_NE(done.out.find("\"archives_pending\": []"), std::string::npos) << done.out;
 }

@@ -157,27 +157,33 @@ void PrintTable(const std::vector<Row>& rows, const std::vector<std::string>& ar
 }  // namespace
 
 int ExportMain(int argc, char** argv) {
-  std::map<std::string, std::string> values = {{"--config", ""}};
-  std::map<std::string, bool> given;
+  std::string given;  // --config
+  bool status = false;
   bool json = false;
-  bool echo = false;  // not an option of this command; ParseOptions wants somewhere to put it
-  std::vector<char*> rest;
-  for (int i = 0; i < argc; ++i) {
-    if (std::string(argv[i]) == "--json") {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return kExitOk;
+    }
+    if (arg == "--json") {
       json = true;
-    } else if (i > 0 && std::string(argv[i]) == "status") {
-      given["status"] = true;
+    } else if (arg == "status") {
+      status = true;
+    } else if (arg.compare(0, 9, "--config=") == 0) {
+      given = arg.substr(9);
+    } else if (arg == "--config") {
+      if (i + 1 >= argc) return UsageError("export", "--config needs a value");
+      given = argv[++i];
     } else {
-      rest.push_back(argv[i]);
+      return UsageError("export", arg[0] == '-' ? "unknown option '" + arg + "'"
+                                                : "unexpected argument '" + arg + "'");
     }
   }
-  const int parsed = ParseOptions("export", kUsage, static_cast<int>(rest.size()), rest.data(),
-                                  values, given, &echo);
-  if (parsed >= 0) return parsed;
-  if (!given["status"]) return UsageError("export", "an action is needed: status");
+  if (!status) return UsageError("export", "an action is needed: status");
 
-  const std::string configPath = given["--config"] ? values["--config"]
-                                                   : nuvexport::ExportConfigPathFor(ExePath());
+  const std::string configPath =
+      given.empty() ? nuvexport::ExportConfigPathFor(ExePath()) : given;
   nuvexport::ExportConfig config;
   nuvexport::StoreLayout layout;
   nuvexport::ExportState state;
