@@ -193,9 +193,8 @@ class ExportKafka : public ::testing::Test {
     ASSERT_TRUE(nuvtest::WriteFile(tree_.Sub("config/exportd.json"), R"({
       "poll_ms": 100, "window_records": )" + std::to_string(kWindow) + R"(, "commit_ms": 0,
       "alarm_after_seconds": 2,
-      "kafka": {"topic": "nuv-store", "properties": {
-        "bootstrap.servers": ")" + cluster_.Bootstraps() + R"(",
-        "reconnect.backoff.max.ms": "200", "retry.backoff.ms": "50"}}})"));
+      "kafka": {"topic": "nuv-store", "brokers": ")" + cluster_.Bootstraps() + R"(",
+        "properties": {"reconnect.backoff.max.ms": "200", "retry.backoff.ms": "50"}}})"));
     setenv("NUV_COMM_DIR", tree_.Sub("comm").c_str(), 1);
     ASSERT_EQ(nuv_comm_init(), 0);
     ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();

@@ -2,6 +2,7 @@
 
 #include <jansson.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -61,7 +62,13 @@ bool ParseKafka(json_t* kafka, ExportConfig& out, std::string& error) {
     error = "\"kafka\" must be an object";
     return false;
   }
-  if (!GetString(kafka, "topic", out.topic, error)) return false;
+  std::string brokers;
+  if (!GetString(kafka, "topic", out.topic, error) ||
+      !GetString(kafka, "brokers", brokers, error)) {
+    return false;
+  }
+  // A property given as such wins over the short form.
+  if (!brokers.empty()) out.properties.emplace_back("bootstrap.servers", brokers);
   json_t* byType = json_object_get(kafka, "topic_by_type");
   const char* key = nullptr;
   json_t* value = nullptr;
@@ -91,7 +98,13 @@ bool ParseKafka(json_t* kafka, ExportConfig& out, std::string& error) {
       error = std::string("property \"") + key + "\" must be a string";
       return false;
     }
-    out.properties.emplace_back(key, json_string_value(value));
+    auto same = std::find_if(out.properties.begin(), out.properties.end(),
+                             [&](const auto& p) { return p.first == key; });
+    if (same != out.properties.end()) {
+      same->second = json_string_value(value);
+    } else {
+      out.properties.emplace_back(key, json_string_value(value));
+    }
   }
   return true;
 }
