@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
+  librdkafka-dev
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev
   tar gzip procps socat

@@ -14,6 +14,7 @@ namespace nuvctl {
 
 int StoreMain(int argc, char** argv);  // store_cmd.cpp
 int PostMain(int argc, char** argv);   // post_cmd.cpp
+int ExportMain(int argc, char** argv);  // export_cmd.cpp
 int BpMain(int argc, char** argv);     // bp_cmd.cpp
 int TopMain(int argc, char** argv);    // top_cmd.cpp
 int RegisterMain(int argc, char** argv);    // register_cmd.cpp
@@ -32,6 +33,7 @@ const Command kCommands[] = {
     {"top", "one sample of the system and the busiest processes, as monitors see it", TopMain},
     {"register", "build a monitor definition and register it with the daemon", RegisterMain},
     {"unregister", "unregister a monitor from the daemon by its id", UnRegisterMain},
+    {"export", "how far nuv_exportd has shipped the store", ExportMain},
 };
 
 void PrintUsage(FILE* out) {
