@@ -157,30 +157,16 @@ void PrintTable(const std::vector<Row>& rows, const std::vector<std::string>& ar
 }  // namespace
 
 int ExportMain(int argc, char** argv) {
-  std::string given;  // --config
-  bool status = false;
-  bool json = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return kExitOk;
-    }
-    if (arg == "--json") {
-      json = true;
-    } else if (arg == "status") {
-      status = true;
-    } else if (arg.compare(0, 9, "--config=") == 0) {
-      given = arg.substr(9);
-    } else if (arg == "--config") {
-      if (i + 1 >= argc) return UsageError("export", "--config needs a value");
-      given = argv[++i];
-    } else {
-      return UsageError("export", arg[0] == '-' ? "unknown option '" + arg + "'"
-                                                : "unexpected argument '" + arg + "'");
-    }
-  }
-  if (!status) return UsageError("export", "an action is needed: status");
+  std::map<std::string, std::string> values;
+  std::vector<std::string> operands;
+  const int parsed = ParseCommandLine("export", kUsage, argc, argv,
+                                      {{"config", 0, true}, {"json", 0, false}}, values, operands);
+  if (parsed != -1) return parsed;
+  if (operands.empty()) return UsageError("export", "an action is needed: status");
+  if (operands[0] != "status") return UsageError("export", "unknown action '" + operands[0] + "'");
+  if (operands.size() > 1) return UsageError("export", "unexpected argument '" + operands[1] + "'");
+  const bool json = values.count("--json") != 0;
+  const std::string given = values.count("--config") != 0 ? values.at("--config") : "";
 
   const std::string configPath =
       given.empty() ? nuvexport::ExportConfigPathFor(ExePath()) : given;

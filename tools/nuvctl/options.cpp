@@ -33,14 +33,14 @@ int ParseCommandLine(const char* command, const char* usage, int argc, char** ar
   opterr = 0;
   optind = 0;  // a fresh scan: glibc re-initialises on 0
   for (;;) {
-    const int at = optind == 0 ? 1 : optind;
     const int c = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr);
     if (c == -1) break;
     if (c == 'h') {
       std::fputs(usage, stdout);
       return kExitOk;
     }
-    const std::string given = at < argc ? argv[at] : "";
+    // getopt moves operands behind the options: the word just read is the one before optind.
+    const std::string given = optind >= 1 && optind - 1 < argc ? argv[optind - 1] : "";
     if (c == '?') {
       const std::string name = optopt != 0 ? std::string("-") + static_cast<char>(optopt)
                                            : given.substr(0, given.find('='));
