@@ -85,6 +85,11 @@ CMonitorData Monitor(const std::string& id, const std::string& focus,
   return monitor;
 }
 
+std::string Lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), ::tolower);
+  return text;
+}
+
 // How often each of `expected`'s lines is among `lines`, as {line, count} pairs.
 std::vector<std::pair<std::string, size_t>> Counts(
     const Lines& lines, const std::vector<std::pair<std::string, size_t>>& expected) {
@@ -108,8 +113,7 @@ int Post(const std::string& topic, const std::string& text) {
 
 TEST(CommonPerfMgr, DefinitionsBecomeWorkersWhenAndWhereTheirTargetsRun) {
   Sleepers children;
-  std::string image = children.exe;  // as monitors and samples spell it
-  std::transform(image.begin(), image.end(), image.begin(), ::tolower);
+  const std::string image = Lower(children.exe);  // as monitors and samples spell it
   const int(&pids)[2] = children.pids;
   ASSERT_TRUE(pids[0] > 0 && pids[1] > 0);
   // A file that no process runs.
@@ -198,7 +202,8 @@ TEST(CommonPerfMgr, ARefusedDuplicateKeepsTheLockOnlyUntilAnotherThreadTakesItOv
     registered[2] = manager.RegisterMonitor(other);
     std::string id = "other";
     manager.UnRegisterMonitor(id);
-    registered[3] = manager.RegisterMonitor(idle, 999999999u);  // its process started
+    // Its process started: reported with the path lower-cased, as samples carry it.
+    registered[3] = manager.RegisterMonitor(Lower(idle), 999999999u);
   });
   nuv_lock_set_takeover_ms(0);
   EXPECT_TRUE(registered[0]);
