@@ -6,6 +6,7 @@
 #include "common/log.h"
 #include "common/singleton.h"
 #include "file/filemanager.h"
+#include "nuv_maintenance.h"
 #include "nuv_path.h"
 #include "nuv_str.h"
 
@@ -13,9 +14,9 @@ namespace {
 
 const char kBpTopic[] = "maintenance:POST";
 
-constexpr int kResultInvalidParameter = static_cast<int>(0x84CE0002u);
-constexpr int kResultBusData = static_cast<int>(0x84CE0003u);
-constexpr int kResultBpInvalid = static_cast<int>(0x84CE0004u);
+constexpr int kResultInvalidParameter = static_cast<int>(NUV_MAINT_INVALID_PARAMETER);
+constexpr int kResultBusData = static_cast<int>(NUV_MAINT_BUS_DATA);
+constexpr int kResultBpInvalid = static_cast<int>(NUV_MAINT_BP_INVALID);
 
 constexpr int kErrBpInvalid = 102;
 constexpr int kErrBpRegister = 301;

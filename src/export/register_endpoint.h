@@ -7,13 +7,14 @@
 #include <cstdint>
 
 #include "nuv_comm.h"
+#include "nuv_maintenance.h"
 
 class CExportLPC {
  public:
   static constexpr uint32_t kDone = 0;
-  static constexpr uint32_t kRefused = 0x84CE0001u;
-  static constexpr uint32_t kInvalid = 0x84CE0002u;
-  static constexpr uint32_t kNoData = 0x84CE0003u;
+  static constexpr uint32_t kRefused = NUV_MAINT_REFUSED;
+  static constexpr uint32_t kInvalid = NUV_MAINT_INVALID_PARAMETER;
+  static constexpr uint32_t kNoData = NUV_MAINT_BUS_DATA;
 
   // Joins the bus and serves both topics. A failure is logged and stops there; what was done
   // is left for StopExportLPC to undo.

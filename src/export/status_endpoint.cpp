@@ -15,13 +15,14 @@
 #include "file/fileclassify.h"
 #include "nuv_dir.h"
 #include "nuv_file.h"
+#include "nuv_maintenance.h"
 
 namespace {
 
 using JsonPtr = std::unique_ptr<json_t, decltype(&json_decref)>;
 
-constexpr int kInvalid = static_cast<int>(0x84CE0002u);
-constexpr int kRefused = static_cast<int>(0x84CE0001u);
+constexpr int kInvalid = static_cast<int>(NUV_MAINT_INVALID_PARAMETER);
+constexpr int kRefused = static_cast<int>(NUV_MAINT_REFUSED);
 // The types whose store directories the daemon writes: the maintenance-log directory (512
 // stands for 256 and 4096 too), performance records and the cleaned types.
 const unsigned int kStoreTypes[] = {512, 100, 8192, 16384, 32768};

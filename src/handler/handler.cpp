@@ -8,6 +8,7 @@
 #include "file/fileclassify.h"
 #include "file/filemanager.h"
 #include "handler/logdata.h"
+#include "nuv_maintenance.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ const char kProcessPointId[] = "71b05a3c-6ad0-40b5-9389-917e83b7e14a";
 const char kProcessPointName[] = "processpoint";
 constexpr unsigned int kProcessPointPid = 3;
 
-constexpr int kResultInvalidParameter = static_cast<int>(0x84CE0002u);
+constexpr int kResultInvalidParameter = static_cast<int>(NUV_MAINT_INVALID_PARAMETER);
 // Codes from 200 on come from the store itself.
 constexpr int kFirstStoreError = 200;
 

@@ -8,6 +8,7 @@
 
 #include "bus_dir.h"
 #include "nuv_comm.h"
+#include "nuv_maintenance.h"
 #include "result_word.h"
 
 namespace nuvctl {
@@ -23,7 +24,7 @@ int TakeAnswer(comm_data* request, comm_data* /*reply*/, void* context) {
   Answer* answer = static_cast<Answer*>(context);
   void* data = nullptr;
   unsigned int length = 0;
-  if (nuv_comm_get_data(request, &data, &length) != 0) return static_cast<int>(0x84CE0002u);
+  if (nuv_comm_get_data(request, &data, &length) != 0) return static_cast<int>(NUV_MAINT_INVALID_PARAMETER);
   std::lock_guard<std::mutex> hold(answer->lock);
   answer->text.assign(static_cast<const char*>(data), length);
   answer->got = true;
