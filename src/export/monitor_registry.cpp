@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "common/reserved.h"
 #include "notify/find.h"
 
 namespace {
@@ -39,7 +40,8 @@ json_t* TargetsNow(CMonitorData monitor, CProcessFinder& finder) {
   const unsigned int pid = static_cast<unsigned int>(monitor.pid);
   const bool exact = monitor.data_type == CMonitorData::kTypeExact ||
                      monitor.data_type == CMonitorData::kTypeExactDepend;
-  if ((monitor.image == "system" && pid == 0) || (monitor.image == "processpoint" && pid == 3) ||
+  if ((monitor.image == kSystemImage && pid == kSystemPid) ||
+      (monitor.image == kProcessPointImage && pid == kProcessPointPid) ||
       (exact && finder.IsProcessExist(monitor.image, pid))) {
     pids.push_back(pid);
   } else if (!exact) {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/singleton.h"
 #include "export/monitor_registry.h"
 #include "file/fileclassify.h"
@@ -13,11 +14,6 @@
 namespace {
 
 const char kReceiverTopic[] = "maintenance:reciver";
-
-// Records from this sender are gathered into one stream whatever process they came from.
-const char kProcessPointId[] = "71b05a3c-6ad0-40b5-9389-917e83b7e14a";
-const char kProcessPointName[] = "processpoint";
-constexpr unsigned int kProcessPointPid = 3;
 
 constexpr int kResultInvalidParameter = static_cast<int>(NUV_MAINT_INVALID_PARAMETER);
 // Codes from 200 on come from the store itself.
@@ -61,9 +57,10 @@ int CPerformanceHandler::MaintanceReceiver(comm_data* request, comm_data* /*repl
     ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver parse logdata failed. str = %s",
                text.c_str());
   }
+  // Records from this sender are gathered into one stream whatever process they came from.
   if (record.GetID() == kProcessPointId) {
     record.SetPid(kProcessPointPid);
-    record.SetName(kProcessPointName);
+    record.SetName(kProcessPointImage);
   }
   if (!record.GetName().empty() && !CFileClassify::IsStoreName(record.GetName())) {
     ZLOG_ERROR("[CPerformanceHandler]::MaintanceReceiver name is not a store name. name = %s",

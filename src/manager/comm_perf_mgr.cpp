@@ -5,15 +5,13 @@
 #include <new>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/utils.h"
 #include "handler/topicposter.h"
 #include "notify/find.h"
 
 namespace {
 
-const char kSystemImage[] = "system";
-const char kProcessPointImage[] = "processpoint";
-constexpr unsigned int kProcessPointPid = 3;
 const char kWorkerExists[] = "insert worker exist, id = %s, image = %s, pid = %d";
 
 // The manager's lock, taken exclusively for the scope. A refused registration keeps it held

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/rwlock_guard.h"
 #include "common/singleton.h"
 #include "common/utils.h"
@@ -15,7 +16,6 @@ namespace {
 // Both figure kinds: system (1) and processes (2).
 const unsigned int kNotifyMask = NUV_PERF_TYPE_SYSTEM | NUV_PERF_TYPE_PROCESS;
 // The store's classification of per-process performance records.
-const unsigned int kPerfRecordType = 100;
 
 }  // namespace
 
@@ -136,7 +136,8 @@ void CTrigger::OnProcess(int event, const _process_mon_info* info) {
   }
   // The ended process's performance stream is named after its process name without extension.
   CFileClassify classify;
-  if (classify.InitFileClassify(GetProcessName(process.name), process.pid, kPerfRecordType)) {
+  if (classify.InitFileClassify(GetProcessName(process.name), process.pid,
+                                kPerformanceRecordType)) {
     CSingleton<CFileManager>::GetInstance().Delete(classify);
   }
 }

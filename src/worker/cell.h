@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/error.h"
+#include "common/reserved.h"
 #include "worker/data.h"
 
 class CExpress;
@@ -71,7 +72,7 @@ class CSystemCell : public CCell {
   CError ConstructCell(const SystemInfo& info, const std::string& condition, CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
-  std::string GetName() const override { return "system"; }
+  std::string GetName() const override { return kSystemImage; }
   uint32_t GetPid() const override { return 0; }
 
  private:
@@ -86,8 +87,8 @@ class CAllProcessCell : public CCell {
                        CExpress& express);
 
   void GetString(const CMonitorData& monitor, std::string& out) override;
-  std::string GetName() const override { return "processpoint"; }
-  uint32_t GetPid() const override { return 3; }
+  std::string GetName() const override { return kProcessPointImage; }
+  uint32_t GetPid() const override { return kProcessPointPid; }
 
  private:
   std::vector<ProcessInfo> infos_;

@@ -3,16 +3,11 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/utils.h"
 #include "nuv_path.h"
 
 namespace {
-
-// The reserved focus pairs that need no image file.
-const char kSystemImage[] = "system";
-const int kSystemPid = 0;
-const char kProcessPointImage[] = "processpoint";
-const int kProcessPointPid = 3;
 
 void LowerIfSet(std::string& text) {
   if (!text.empty()) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/utils.h"
 #include "config/config_collect.h"
 #include "handler/logdata.h"
@@ -20,11 +21,9 @@
 static_assert(std::is_nothrow_move_constructible<CWorker>::value,
               "growing the children must move them");
 
-const char CWorker::kProcessPointID[] = "71b05a3c-6ad0-40b5-9389-917e83b7e14a";
 
 namespace {
 
-constexpr unsigned int kPerformanceRecordType = 100;
 constexpr int kDeleteTries = 3;
 constexpr unsigned int kDeleteWaitMs = 10;
 

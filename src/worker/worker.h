@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/error.h"
+#include "common/reserved.h"
 #include "nuv_atomic.h"
 #include "worker/data.h"
 #include "worker/slidingwindow.h"
@@ -22,7 +23,7 @@
 class CWorker {
  public:
   // The one monitor that starts a fresh window after each report.
-  static const char kProcessPointID[];
+  static constexpr const char* kProcessPointID = kProcessPointId;
 
   CWorker();
   ~CWorker();

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "common/log.h"
+#include "common/reserved.h"
 #include "common/rwlock_guard.h"
 #include "common/utils.h"
 
@@ -253,9 +254,9 @@ void CWorkerManager::Dispatch(const ProcessInfo& info) {
 }
 
 void CWorkerManager::Dispatch(const SystemInfo& info) {
-  DispatchByKey(CreateKey("system", 0), info);
+  DispatchByKey(CreateKey(kSystemImage, kSystemPid), info);
 }
 
 void CWorkerManager::Dispatch(const std::vector<ProcessInfo>& infos) {
-  DispatchByKey(CreateKey("processpoint", 3), infos);
+  DispatchByKey(CreateKey(kProcessPointImage, kProcessPointPid), infos);
 }
