@@ -5,20 +5,6 @@
 #include "config/config_clearn.h"
 #include "config/config_file.h"
 
-CAdditionCtrlor* CAdditionCtrlor::instance_ = nullptr;
-
-CAdditionCtrlor* CAdditionCtrlor::GetInstance() {
-  if (instance_ == nullptr) {
-    instance_ = new CAdditionCtrlor();
-  }
-  return instance_;
-}
-
-void CAdditionCtrlor::ReleaseInstance() {
-  delete instance_;
-  instance_ = nullptr;
-}
-
 bool CAdditionCtrlor::Parse(JsonUtil& document) {
   std::vector<JsonUtil> members;
   if (document.JsonGetJsonObjectList("/addition", members) != JsonUtil::kOk) {

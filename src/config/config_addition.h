@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/jsonutil.h"
+#include "config/config_section.h"
 
 struct CConfigSub {
   std::string filePath;  // absolute
@@ -17,12 +18,8 @@ struct CConfigSub {
   int bpType = 0;    // equal to the map key
 };
 
-class CAdditionCtrlor {
+class CAdditionCtrlor : public CConfigSection<CAdditionCtrlor> {
  public:
-  // Not locked: the first call happens during start, on one thread.
-  static CAdditionCtrlor* GetInstance();
-  static void ReleaseInstance();
-
   // One entry per member of the "/addition" object, keyed by its "/bp_type"; a later member
   // with the same type overwrites an earlier one. False, without a log line, when "/addition"
   // is not an object or a member lacks a key; entries of earlier members stay. Entries of types
@@ -41,12 +38,11 @@ class CAdditionCtrlor {
   CAdditionCtrlor& operator=(const CAdditionCtrlor&) = delete;
 
  private:
+  friend class CConfigSection<CAdditionCtrlor>;
   CAdditionCtrlor() = default;
   ~CAdditionCtrlor() = default;
 
   const CConfigSub* Find(int type) const;
-
-  static CAdditionCtrlor* instance_;
 
   std::map<int, CConfigSub> subs_;
 };

@@ -12,20 +12,6 @@ int ConvertMiBToBytes(int mib) {
   return bytes;
 }
 
-CClearnCfg* CClearnCfg::instance_ = nullptr;
-
-CClearnCfg* CClearnCfg::GetInstance() {
-  if (instance_ == nullptr) {
-    instance_ = new CClearnCfg();
-  }
-  return instance_;
-}
-
-void CClearnCfg::ReleaseInstance() {
-  delete instance_;
-  instance_ = nullptr;
-}
-
 bool CClearnCfg::Parse(JsonUtil& document) {
   // Both messages name the maintenance-log section although this is the clean-up section.
   if (document.JsonGetInteger("/default/clearn/day", &timeInterval_, -1) != JsonUtil::kOk) {

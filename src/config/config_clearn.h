@@ -4,19 +4,16 @@
 #define NUV_CONFIG_CONFIG_CLEARN_H
 
 #include "common/jsonutil.h"
+#include "config/config_section.h"
 
 // mib × 1,048,576. A result outside 32 bits aborts the process: a wrapped limit would silently
 // change what the store rolls over on.
 int ConvertMiBToBytes(int mib);
 
-class CClearnCfg {
+class CClearnCfg : public CConfigSection<CClearnCfg> {
  public:
   static constexpr int kDefaultTimeInterval = 7;
   static constexpr int kDefaultLimitFileSize = 10 * 1024 * 1024;
-
-  // Not locked: the first call happens during start, on one thread.
-  static CClearnCfg* GetInstance();
-  static void ReleaseInstance();
 
   // Reads "/default/clearn/day" and "/default/clearn/file_size" (MiB, stored as bytes). Logs
   // and returns false on the first missing or mistyped key.
@@ -30,10 +27,9 @@ class CClearnCfg {
   CClearnCfg& operator=(const CClearnCfg&) = delete;
 
  private:
+  friend class CConfigSection<CClearnCfg>;
   CClearnCfg() = default;
   ~CClearnCfg() = default;
-
-  static CClearnCfg* instance_;
 
   int timeInterval_ = 0;
   int limitFileSize_ = 0;

@@ -4,13 +4,10 @@
 #define NUV_CONFIG_CONFIG_COLLECT_H
 
 #include "common/jsonutil.h"
+#include "config/config_section.h"
 
-class CCollectSdkCfg {
+class CCollectSdkCfg : public CConfigSection<CCollectSdkCfg> {
  public:
-  // Not locked: the first call happens during start, on one thread.
-  static CCollectSdkCfg* GetInstance();
-  static void ReleaseInstance();
-
   // Reads frequency, monitor type and hit rate in that order; the first failed read returns
   // false and keeps what was read before it. No log line.
   bool Parse(JsonUtil& document);
@@ -23,10 +20,9 @@ class CCollectSdkCfg {
   CCollectSdkCfg& operator=(const CCollectSdkCfg&) = delete;
 
  private:
+  friend class CConfigSection<CCollectSdkCfg>;
   CCollectSdkCfg() = default;
   ~CCollectSdkCfg() = default;
-
-  static CCollectSdkCfg* instance_;
 
   int collectFrequency_ = 5;
   int monitorType_ = 31;

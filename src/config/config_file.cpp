@@ -15,20 +15,6 @@ std::string TransformConfigPath(const std::string& path) {
   return buffer;
 }
 
-CMaintainceLogCfg* CMaintainceLogCfg::instance_ = nullptr;
-
-CMaintainceLogCfg* CMaintainceLogCfg::GetInstance() {
-  if (instance_ == nullptr) {
-    instance_ = new CMaintainceLogCfg();
-  }
-  return instance_;
-}
-
-void CMaintainceLogCfg::ReleaseInstance() {
-  delete instance_;
-  instance_ = nullptr;
-}
-
 bool CMaintainceLogCfg::Parse(JsonUtil& document) {
   if (document.JsonGetInteger("/default/file/cahce", &logCacheSize_, -1) != JsonUtil::kOk) {
     ZLOG_ERROR("[CMaintainceLogCfg]::Parse maintaince log cach size failed.");

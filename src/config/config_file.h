@@ -6,17 +6,14 @@
 #include <string>
 
 #include "common/jsonutil.h"
+#include "config/config_section.h"
 
 // `path` itself when absolute, else resolved against the executable's directory. A path the
 // platform cannot resolve (too long for 4096 bytes) is returned unchanged.
 std::string TransformConfigPath(const std::string& path);
 
-class CMaintainceLogCfg {
+class CMaintainceLogCfg : public CConfigSection<CMaintainceLogCfg> {
  public:
-  // Not locked: the first call happens during start, on one thread.
-  static CMaintainceLogCfg* GetInstance();
-  static void ReleaseInstance();
-
   // Reads "/default/file/cahce" and "/default/file/path"; a relative path is stored in its
   // absolute form. Logs and returns false on the first missing or mistyped key.
   bool Parse(JsonUtil& document);
@@ -29,10 +26,9 @@ class CMaintainceLogCfg {
   CMaintainceLogCfg& operator=(const CMaintainceLogCfg&) = delete;
 
  private:
+  friend class CConfigSection<CMaintainceLogCfg>;
   CMaintainceLogCfg() = default;
   ~CMaintainceLogCfg() = default;
-
-  static CMaintainceLogCfg* instance_;
 
   int logCacheSize_ = 0;
   std::string logPath_;

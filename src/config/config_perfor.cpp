@@ -63,20 +63,6 @@ bool ReadMonitorFields(const JsonUtil& doc, const std::string& base, CMonitorDat
 
 }  // namespace
 
-CPerforMonitorCfg* CPerforMonitorCfg::instance_ = nullptr;
-
-CPerforMonitorCfg* CPerforMonitorCfg::GetInstance() {
-  if (instance_ == nullptr) {
-    instance_ = new CPerforMonitorCfg();
-  }
-  return instance_;
-}
-
-void CPerforMonitorCfg::ReleaseInstance() {
-  delete instance_;
-  instance_ = nullptr;
-}
-
 std::string CPerforMonitorCfg::FormatIndexPath(const std::string& pattern, int index) {
   char buffer[1024] = {0};
   std::snprintf(buffer, sizeof(buffer), pattern.c_str(), index);

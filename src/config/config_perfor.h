@@ -9,13 +9,10 @@
 
 #include "common/jsonutil.h"
 #include "worker/data.h"
+#include "config/config_section.h"
 
-class CPerforMonitorCfg {
+class CPerforMonitorCfg : public CConfigSection<CPerforMonitorCfg> {
  public:
-  // Not locked: the first call happens during start, on one thread.
-  static CPerforMonitorCfg* GetInstance();
-  static void ReleaseInstance();
-
   // Appends the valid elements of "/default/perf_monitor" that are not already listed (by
   // id; the first definition wins). False only when that array is missing or not an array;
   // a bad element is logged and skipped.
@@ -36,10 +33,9 @@ class CPerforMonitorCfg {
   CPerforMonitorCfg& operator=(const CPerforMonitorCfg&) = delete;
 
  private:
+  friend class CConfigSection<CPerforMonitorCfg>;
   CPerforMonitorCfg() = default;
   ~CPerforMonitorCfg() = default;
-
-  static CPerforMonitorCfg* instance_;
 
   std::vector<CMonitorData> monitors_;
 };

@@ -3,13 +3,10 @@
 #define NUV_CONFIG_CONFIG_QUEUE_H
 
 #include "common/jsonutil.h"
+#include "config/config_section.h"
 
-class CMessageQueueCfg {
+class CMessageQueueCfg : public CConfigSection<CMessageQueueCfg> {
  public:
-  // Not locked: the first call happens during start, on one thread.
-  static CMessageQueueCfg* GetInstance();
-  static void ReleaseInstance();
-
   // True when "/default/cache/size" is an integer. No log line.
   bool Parse(JsonUtil& document);
   int GetQueueSize() const { return queueSize_; }
@@ -18,10 +15,9 @@ class CMessageQueueCfg {
   CMessageQueueCfg& operator=(const CMessageQueueCfg&) = delete;
 
  private:
+  friend class CConfigSection<CMessageQueueCfg>;
   CMessageQueueCfg() = default;
   ~CMessageQueueCfg() = default;
-
-  static CMessageQueueCfg* instance_;
 
   int queueSize_ = 0;
 };
