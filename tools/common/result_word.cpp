@@ -1,11 +1,9 @@
 #include "result_word.h"
 
 #include <cstdio>
-#include <vector>
 
 #include "nuv_comm.h"
 #include "nuv_maintenance.h"
-#include "nuv_path.h"
 
 namespace nuvtools {
 
@@ -63,17 +61,6 @@ const char* BusResultMeaning(uint32_t result) {
 
 std::string DescribeResult(uint32_t result) {
   return ResultWord(result) + " (" + ResultMeaning(result) + ")";
-}
-
-std::string ConfigPathFor(const std::string& exe_path) {
-  std::vector<char> buf(exe_path.begin(), exe_path.end());
-  buf.push_back('\0');
-  nuv_path_remove_name_a(buf.data());
-  std::string path = std::string(buf.data()) + "/../config/maintenance.json";
-  buf.assign(path.begin(), path.end());
-  buf.push_back('\0');
-  nuv_path_format_a(buf.data());
-  return buf.data();
 }
 
 }  // namespace nuvtools

@@ -21,10 +21,6 @@ const char* BusResultMeaning(uint32_t result);
 // "0x84CE0004 (burying point invalid)"
 std::string DescribeResult(uint32_t result);
 
-// The configuration file the library looks for when started by the executable `exe_path`:
-// <dir of exe>/../config/maintenance.json, normalised.
-std::string ConfigPathFor(const std::string& exe_path);
-
 }  // namespace nuvtools
 
 #endif

@@ -1,4 +1,5 @@
 #include "export_config.h"
+#include "paths.h"
 
 #include <jansson.h>
 
@@ -154,7 +155,7 @@ bool LoadExportConfig(const std::string& path, ExportConfig& out, std::string& e
 }
 
 std::string ExportConfigPathFor(const std::string& exePath) {
-  return DirOf(exePath) + "/../config/exportd.json";
+  return nuvtools::ConfigPathFor(exePath, "exportd.json");
 }
 
 std::string StatePath(const ExportConfig& config) { return config.stateDir + "/cursor.json"; }

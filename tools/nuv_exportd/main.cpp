@@ -10,7 +10,7 @@
 #include "common/log.h"
 #include "export_config.h"
 #include "nuv_log.h"
-#include "nuv_path.h"
+#include "paths.h"
 #include "shipper.h"
 #include "store_view.h"
 
@@ -45,10 +45,7 @@ int Usage(const std::string& error) {
   return 2;
 }
 
-std::string ExePath() {
-  char exe[4096];
-  return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuv_exportd";
-}
+std::string ExePath() { return nuvtools::ExePath("nuv_exportd"); }
 
 }  // namespace
 

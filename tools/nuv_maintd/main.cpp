@@ -18,7 +18,7 @@
 #include "config/config_check.h"
 #include "nuv_log.h"
 #include "nuv_maintenance.h"
-#include "nuv_path.h"
+#include "paths.h"
 #include "result_word.h"
 
 namespace {
@@ -68,10 +68,7 @@ void Notify(const char* state) {
 #endif
 }
 
-std::string ExePath() {
-  char exe[4096];
-  return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuv_maintd";
-}
+std::string ExePath() { return nuvtools::ExePath("nuv_maintd"); }
 
 // Prints the problems of `path` to `out`, each line prefixed with `prefix`.
 void PrintProblems(FILE* out, const std::string& prefix, const std::vector<ConfigProblem>& problems) {

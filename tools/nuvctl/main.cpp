@@ -7,7 +7,7 @@
 
 #include "command.h"
 #include "nuv_log.h"
-#include "nuv_path.h"
+#include "paths.h"
 #include "result_word.h"
 
 namespace nuvctl {
@@ -69,10 +69,7 @@ int UnknownCommand(const char* name) {
 
 }  // namespace
 
-std::string ExePath() {
-  char exe[4096];
-  return nuv_path_get_cur_proc_a(exe, sizeof exe) == 0 ? exe : "nuvctl";
-}
+std::string ExePath() { return nuvtools::ExePath("nuvctl"); }
 
 std::string DefaultConfigPath() { return nuvtools::ConfigPathFor(ExePath()); }
 
