@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   librdkafka-dev
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev
+  libgtest-dev libbenchmark-dev libsystemd-dev
   tar gzip procps socat
   dpkg-dev
   debootstrap clang libclang-rt-14-dev
