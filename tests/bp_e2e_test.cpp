@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "nuv_comm.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -30,12 +31,7 @@ std::string Point(const std::string& focus, const std::string& agentId = "\"a-1\
          agentId + R"(},"body":{"time_start":1,"time_end":3,"time_diff":2}})";
 }
 
-int Post(const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post(kTopic, data);
-  nuv_comm_delete_data(data);
-  return result;
-}
+int Post(const std::string& text) { return nuvtest::PostOnBus(kTopic, text); }
 
 class BpEndToEnd : public ::testing::Test {
  protected:
