@@ -1,7 +1,7 @@
 #include "file/filemanager.h"
 
 #include "common/log.h"
-#include "common/rwlock_guard.h"
+#include "common/rwlock.h"
 #include "common/utils.h"
 
 namespace {
@@ -23,21 +23,13 @@ CError NoUnit(const CError& openError) {
 
 }  // namespace
 
-CFileManager::CFileManager() {
-  const int rc = nuv_rwlock_init(&lock_);
-  if (rc != 0) {
-    ZLOG_ERROR("[CFileManager]::CFileManager lock init failed, code = %d.", rc);
-  }
-}
+CFileManager::CFileManager() = default;
 
-CFileManager::~CFileManager() {
-  units_.clear();
-  nuv_rwlock_destroy(&lock_);
-}
+CFileManager::~CFileManager() = default;
 
 template <typename Op>
 CError CFileManager::OnUnit(CFileClassify& classify, const Op& op) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) {
     return LockNotTaken();
   }
@@ -64,9 +56,14 @@ CError CFileManager::ReadALLFile(CFileClassify& classify, std::vector<std::strin
   return OnUnit(classify, [&](CFileUnit& unit) { return unit.ReadALLFile(out); });
 }
 
-CFileUnit* CFileManager::FindAndInsert(CFileClassify& classify) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
-  return guard.Held() ? FindAndInsertNolock(classify) : nullptr;
+CFileManager::LockedUnit::LockedUnit(CRwLock& lock, CFileManager& manager,
+                                     CFileClassify& classify)
+    : guard_(lock, true) {
+  if (guard_.Held()) unit_ = manager.FindAndInsertNolock(classify);
+}
+
+CFileManager::LockedUnit CFileManager::FindAndInsert(CFileClassify& classify) {
+  return LockedUnit(lock_, *this, classify);
 }
 
 CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* openError) {
@@ -89,7 +86,7 @@ CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* op
 }
 
 CError CFileManager::RepairStream(CFileClassify& classify) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) {
     return LockNotTaken();
   }
@@ -104,7 +101,7 @@ CError CFileManager::RepairStream(CFileClassify& classify) {
 }
 
 void CFileManager::CloseUnit(CFileClassify& classify) {
-  CRwLockGuard guard(lock_, true, "CFileManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) {
     return;
   }
@@ -121,7 +118,7 @@ void CFileManager::Delete(CFileClassify& classify) { CloseUnit(classify); }
 
 void CFileManager::FileUnitsFlush() {
   // Shared is enough: flushing leaves the map as it is, and only the clean-up thread flushes.
-  CRwLockGuard guard(lock_, false, "CFileManager");
+  CRwLockGuard guard(lock_, false);
   if (!guard.Held()) {
     return;
   }

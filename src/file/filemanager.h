@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "common/error.h"
+#include "common/rwlock.h"
 #include "common/singleton.h"
 #include "file/fileclassify.h"
 #include "file/fileunit.h"
-#include "nuv_lock.h"
 
 class CFileManager {
  public:
@@ -32,10 +32,25 @@ class CFileManager {
                        unsigned int& next, std::vector<std::string>& out);
   CError ReadALLFile(CFileClassify& classify, std::vector<std::string>& out);
 
+  // A unit together with the exclusive hold that keeps it valid: the unit may be closed and
+  // freed by another thread as soon as the lock is let go.
+  class LockedUnit {
+   public:
+    LockedUnit(CRwLock& lock, CFileManager& manager, CFileClassify& classify);
+    LockedUnit(const LockedUnit&) = delete;
+    LockedUnit& operator=(const LockedUnit&) = delete;
+    CFileUnit* get() const { return unit_; }
+    CFileUnit* operator->() const { return unit_; }
+
+   private:
+    CRwLockGuard guard_;
+    CFileUnit* unit_ = nullptr;
+  };
+
   // The stream's unit, opened and inserted if it is not open yet; null when it cannot be
   // opened, with the reason in `openError` when given. The Nolock form is for callers that hold
   // the lock.
-  CFileUnit* FindAndInsert(CFileClassify& classify);
+  LockedUnit FindAndInsert(CFileClassify& classify);
   CFileUnit* FindAndInsertNolock(CFileClassify& classify, CError* openError = nullptr);
 
   // Repairs the pair `classify` names (a torn tail left by a crash is cut, with the unit's WARN
@@ -67,7 +82,7 @@ class CFileManager {
   CError EnumMatching(unsigned int type, std::vector<std::string>& out, Pred take);
 
   std::map<uint64_t, std::unique_ptr<CFileUnit>> units_;
-  nuv_rwlock_t* lock_ = nullptr;
+  CRwLock lock_{"CFileManager"};
 };
 
 #endif

@@ -43,10 +43,12 @@ TEST_F(FileManagerTest, StreamsShareAUnitOpenOnFirstUseAndReopenAfterClose) {
   CFileClassify morning = Classify("proc", 5, 256);
   CFileClassify evening = Classify("proc", 5, 256);
   CFileClassify otherPid = Classify("proc", 6, 256);
-  CFileUnit* unit = manager_.FindAndInsert(morning);
-  ASSERT_NE(unit, nullptr);
-  EXPECT_EQ(manager_.FindAndInsert(evening), unit);
-  EXPECT_NE(manager_.FindAndInsert(otherPid), unit);
+  {
+    CFileManager::LockedUnit unit = manager_.FindAndInsert(morning);
+    ASSERT_NE(unit.get(), nullptr);
+    EXPECT_EQ(manager_.FindAndInsert(evening).get(), unit.get());
+    EXPECT_NE(manager_.FindAndInsert(otherPid).get(), unit.get());
+  }
 
   ASSERT_TRUE(manager_.WriteFile(morning, "one").IsSuccess());
   manager_.CloseFile(evening);  // closing flushes; the files stay

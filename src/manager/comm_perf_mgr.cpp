@@ -1,7 +1,6 @@
 #include "manager/comm_perf_mgr.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <new>
 
 #include "common/log.h"
@@ -14,31 +13,6 @@ namespace {
 
 const char kWorkerExists[] = "insert worker exist, id = %s, image = %s, pid = %d";
 
-// The manager's lock, taken exclusively for the scope. A refused registration keeps it held
-// past the scope (Keep); the platform lock lets another thread take such a hold over after its bound (nuv_lock.h). When
-// this very thread still holds it from such a refusal (the manager never nests its scopes, so
-// that is the only way), the scope adopts that hold and releases it at its end. A lock that
-// cannot be taken leaves Held() false and the caller skips its critical section.
-class ExclusiveScope {
- public:
-  explicit ExclusiveScope(nuv_rwlock_t* lock) : lock_(lock) {
-    const int rc = lock_ != nullptr ? nuv_rwlock_exclusive_acquire(lock_) : EINVAL;
-    if (rc == 0 || (rc == EDEADLK && nuv_rwlock_exclusive_held(lock_) != 0)) return;
-    ZLOG_ERROR("[CommonPerfMgr]::lock acquire failed, exclusive = %d, code = %d.", 1, rc);
-    lock_ = nullptr;
-  }
-  ~ExclusiveScope() {
-    if (lock_ != nullptr) nuv_rwlock_exclusive_release(lock_);
-  }
-  ExclusiveScope(const ExclusiveScope&) = delete;
-  ExclusiveScope& operator=(const ExclusiveScope&) = delete;
-  bool Held() const { return lock_ != nullptr; }
-  void Keep() { lock_ = nullptr; }
-
- private:
-  nuv_rwlock_t* lock_;
-};
-
 bool Insert(std::vector<CMonitorData>& into, const CMonitorData& monitor) {
   for (const CMonitorData& held : into) {
     if (held.id == monitor.id) return false;
@@ -50,11 +24,6 @@ bool Insert(std::vector<CMonitorData>& into, const CMonitorData& monitor) {
 }  // namespace
 
 CommonPerfMgr::CommonPerfMgr() {
-  if (nuv_rwlock_init(&lock_) != 0) {
-    lock_ = nullptr;
-    ZLOG_ERROR("[CommonPerfMgr]::CommonPerfMgr lock init failed.");
-  }
-  nuv_rwlock_set_name(lock_, "CommonPerfMgr");
   trigger_.SetPerfMonitor(this);
 }
 
@@ -63,7 +32,6 @@ CommonPerfMgr::~CommonPerfMgr() {
   // that never stopped would otherwise be lost with the worker manager.
   trigger_.ClearnPerfMonitor();
   workers_.DestroyWorker();
-  if (lock_ != nullptr) nuv_rwlock_destroy(&lock_);
 }
 
 bool CommonPerfMgr::StartPerfManager() {
@@ -92,7 +60,7 @@ bool CommonPerfMgr::InsertExact(CMonitorData& monitor) { return Insert(exact_, m
 bool CommonPerfMgr::InsertNonExact(CMonitorData& monitor) { return Insert(nonExact_, monitor); }
 
 bool CommonPerfMgr::RegisterMonitor(CMonitorData& monitor) {
-  ExclusiveScope scope(lock_);
+  CRwLockGuard scope(lock_, true);
   if (!scope.Held()) return false;
   const int type = monitor.GetDataType();
   if (type == CMonitorData::kTypeExact || type == CMonitorData::kTypeExactDepend) {
@@ -210,14 +178,14 @@ CError CommonPerfMgr::CreateMonitor(CMonitorData& monitor) {
 }
 
 bool CommonPerfMgr::RegisterMonitor(const std::string& image, unsigned int pid) {
-  ExclusiveScope scope(lock_);
+  CRwLockGuard scope(lock_, true);
   if (!scope.Held()) return false;
   return RegisterInternalMonitor(image, pid) != 0;
 }
 
 void CommonPerfMgr::UnRegisterMonitor(std::string& id) {
   CorrectLowerString(id);
-  ExclusiveScope scope(lock_);
+  CRwLockGuard scope(lock_, true);
   if (!scope.Held()) return;
   auto sameId = [&id](const CMonitorData& monitor) { return monitor.id == id; };
   exact_.erase(std::remove_if(exact_.begin(), exact_.end(), sameId), exact_.end());

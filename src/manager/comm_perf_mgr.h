@@ -9,11 +9,11 @@
 
 #include "clearn/clearn.h"
 #include "common/error.h"
+#include "common/rwlock.h"
 #include "export/register_endpoint.h"
 #include "handler/handler.h"
 #include "manager/perfinterface.h"
 #include "notify/trigger.h"
-#include "nuv_lock.h"
 #include "worker/data.h"
 #include "worker/workermanager.h"
 
@@ -61,7 +61,7 @@ class CommonPerfMgr : public CPerfInterface {
   std::vector<CMonitorData> exact_;
   std::vector<CMonitorData> nonExact_;
   CWorkerManager workers_;
-  nuv_rwlock_t* lock_ = nullptr;
+  CRwLock lock_{"CommonPerfMgr"};
   CTrigger trigger_;
   CPerformanceHandler handler_;
   CClearn clearn_;

@@ -4,7 +4,7 @@
 
 #include "common/log.h"
 #include "common/reserved.h"
-#include "common/rwlock_guard.h"
+#include "common/rwlock.h"
 #include "common/singleton.h"
 #include "common/utils.h"
 #include "config/config_collect.h"
@@ -19,19 +19,6 @@ const unsigned int kNotifyMask = NUV_PERF_TYPE_SYSTEM | NUV_PERF_TYPE_PROCESS;
 
 }  // namespace
 
-CTrigger::CTrigger() {
-  const int rc = nuv_rwlock_init(&lock_);
-  nuv_rwlock_set_name(lock_, "CTrigger");
-  if (rc != 0) {
-    ZLOG_ERROR("[CTrigger]::CTrigger lock init failed, code = %d.", rc);
-  }
-}
-
-CTrigger::~CTrigger() {
-  if (lock_ != nullptr) {
-    nuv_rwlock_destroy(&lock_);
-  }
-}
 
 bool CTrigger::StartTrigger() {
   if (started_) {
@@ -66,12 +53,12 @@ void CTrigger::SetPerfMonitor(CPerfInterface* monitor) {
   if (monitor == nullptr) {
     return;
   }
-  CRwLockGuard guard(lock_, true, "CTrigger");
+  CRwLockGuard guard(lock_, true);
   if (guard.Held()) monitor_ = monitor;
 }
 
 void CTrigger::ClearnPerfMonitor() {
-  CRwLockGuard guard(lock_, true, "CTrigger");
+  CRwLockGuard guard(lock_, true);
   if (guard.Held()) monitor_ = nullptr;
 }
 
@@ -97,7 +84,7 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
     std::vector<ProcessInfo> processes;
     processes.reserve(info->process_info != nullptr ? info->process_count : 0);
     // Held for the whole delivery, so the receiver cannot be detached halfway.
-    CRwLockGuard guard(lock_, false, "CTrigger");
+    CRwLockGuard guard(lock_, false);
     for (uint32_t i = 0; info->process_info != nullptr && i < info->process_count; ++i) {
       processes.emplace_back(&info->process_info[i]);
       if (guard.Held() && monitor_ != nullptr) {
@@ -112,7 +99,7 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
   }
   if ((type & NUV_PERF_TYPE_SYSTEM) != 0) {
     const SystemInfo system(info->sys_info);
-    CRwLockGuard guard(lock_, false, "CTrigger");
+    CRwLockGuard guard(lock_, false);
     if (guard.Held() && monitor_ != nullptr) {
       monitor_->Dispatch(system);
     }
@@ -122,14 +109,14 @@ void CTrigger::OnPerformance(unsigned int type, const _perf_information* info) {
 void CTrigger::OnProcess(int event, const _process_mon_info* info) {
   const ProcessMonInfo process(info);
   if (event != NUV_PROC_EVENT_EXIT) {
-    CRwLockGuard guard(lock_, false, "CTrigger");
+    CRwLockGuard guard(lock_, false);
     if (guard.Held() && monitor_ != nullptr) {
       monitor_->RegisterMonitor(process.path, process.pid);
     }
     return;
   }
   {
-    CRwLockGuard guard(lock_, false, "CTrigger");
+    CRwLockGuard guard(lock_, false);
     if (guard.Held() && monitor_ != nullptr) {
       monitor_->UnRegisterMonitor(process.path, process.pid);
     }

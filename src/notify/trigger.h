@@ -5,15 +5,15 @@
 #ifndef NUV_NOTIFY_TRIGGER_H
 #define NUV_NOTIFY_TRIGGER_H
 
+#include "common/rwlock.h"
 #include "manager/perfinterface.h"
-#include "nuv_lock.h"
 #include "nuv_perfprov.h"
 
 class CTrigger {
  public:
-  CTrigger();
+  CTrigger() = default;
   // Does not unsubscribe: the owner calls StopTrigger first.
-  ~CTrigger();
+  ~CTrigger() = default;
   CTrigger(const CTrigger&) = delete;
   CTrigger& operator=(const CTrigger&) = delete;
 
@@ -40,7 +40,7 @@ class CTrigger {
 
   bool started_ = false;
   CPerfInterface* monitor_ = nullptr;
-  nuv_rwlock_t* lock_ = nullptr;
+  CRwLock lock_{"CTrigger"};
 };
 
 #endif

@@ -7,18 +7,9 @@
 
 #include "common/log.h"
 #include "common/reserved.h"
-#include "common/rwlock_guard.h"
+#include "common/rwlock.h"
 #include "common/utils.h"
 
-CWorkerManager::CWorkerManager() {
-  const int rc = nuv_rwlock_init(&lock_);
-  nuv_rwlock_set_name(lock_, "CWorkerManager");
-  if (rc != 0) {
-    ZLOG_ERROR("[CWorkerManager]::CWorkerManager lock init failed, code = %d.", rc);
-  }
-}
-
-CWorkerManager::~CWorkerManager() { nuv_rwlock_destroy(&lock_); }
 
 CError CWorkerManager::CreateWorker(const CMonitorData& monitor, CWorker* worker) {
   if (worker == nullptr) {
@@ -42,7 +33,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
   std::unique_ptr<CWorker> owned(worker);
   bool inserted = false;
   {
-    CRwLockGuard guard(lock_, true, "CWorkerManager");
+    CRwLockGuard guard(lock_, true);
     try {
       if (!guard.Held()) {
         // Not inserted: reported below like any failed insertion.
@@ -77,7 +68,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
 }
 
 bool CWorkerManager::FindWorker(const std::string& key, const std::string& id) {
-  CRwLockGuard guard(lock_, false, "CWorkerManager");
+  CRwLockGuard guard(lock_, false);
   if (!guard.Held()) return false;
   std::vector<CWorker*> found;
   for (CWorker* root : Candidates(RootsOfKey(key))) {
@@ -195,7 +186,7 @@ void CWorkerManager::DeleteMatching(const std::vector<CWorker*>* indexed, const 
 }
 
 CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
-  CRwLockGuard guard(lock_, true, "CWorkerManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) return CError::CreateError(102, "parameter check error");
   DeleteMatching(RootsOfID(id), [&id](CWorker& root) { return root.GetWorkerID() == id; },
                  [&id](CWorker& root) { root.DeleteWorkerByID(id); }, Removal::kByID);
@@ -203,7 +194,7 @@ CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
 }
 
 CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
-  CRwLockGuard guard(lock_, true, "CWorkerManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) return CError::CreateError(102, "parameter check error");
   DeleteMatching(RootsOfKey(key), [&key](CWorker& root) { return root.GetKey() == key; },
                  [&key](CWorker& root) { root.DeleteWorkerByKey(key); }, Removal::kByKey);
@@ -211,7 +202,7 @@ CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
 }
 
 void CWorkerManager::DestroyWorker() {
-  CRwLockGuard guard(lock_, true, "CWorkerManager");
+  CRwLockGuard guard(lock_, true);
   if (!guard.Held()) return;
   auto it = workers_.begin();
   while (it != workers_.end()) {
@@ -235,7 +226,7 @@ void CWorkerManager::DestroyWorker() {
 
 template <typename Sample>
 void CWorkerManager::DispatchByKey(const std::string& key, const Sample& sample) {
-  CRwLockGuard guard(lock_, false, "CWorkerManager");
+  CRwLockGuard guard(lock_, false);
   if (!guard.Held()) return;
   std::vector<CWorker*> targets;
   try {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "common/error.h"
-#include "nuv_lock.h"
+#include "common/rwlock.h"
 #include "worker/data.h"
 #include "worker/worker.h"
 
@@ -22,9 +22,9 @@
 // Every lookup visits its roots in list order, the order a walk of the list would give.
 class CWorkerManager {
  public:
-  CWorkerManager();
+  CWorkerManager() = default;
   // Does not delete workers: DestroyWorker() must have run before.
-  ~CWorkerManager();
+  ~CWorkerManager() = default;
   CWorkerManager(const CWorkerManager&) = delete;
   CWorkerManager& operator=(const CWorkerManager&) = delete;
 
@@ -80,7 +80,7 @@ class CWorkerManager {
   std::unordered_map<const CWorker*, uint64_t> sequence_;
   std::vector<CWorker*> parents_;
   uint64_t nextSequence_ = 0;
-  nuv_rwlock_t* lock_ = nullptr;
+  CRwLock lock_{"CWorkerManager"};
 };
 
 #endif
