@@ -18,10 +18,6 @@ constexpr int kResultInvalidParameter = static_cast<int>(NUV_MAINT_INVALID_PARAM
 constexpr int kResultBusData = static_cast<int>(NUV_MAINT_BUS_DATA);
 constexpr int kResultBpInvalid = static_cast<int>(NUV_MAINT_BP_INVALID);
 
-constexpr int kErrBpInvalid = 102;
-constexpr int kErrBpRegister = 301;
-constexpr int kErrBpClassify = 302;
-
 constexpr unsigned int kTimingType = 256;
 constexpr size_t kFocusPathSize = 1024;
 

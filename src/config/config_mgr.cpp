@@ -18,7 +18,7 @@ CError ConfigMgr::LoadConfig() {
   path_.clear();
   if (!GetConfigFilePath(path_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, not find config file %s.", path_.c_str());
-    return CError::CreateError(103, "n`t found config");
+    return CError::CreateError(kErrConfigNotFound, "n`t found config");
   }
   return LoadFound();
 }
@@ -28,7 +28,7 @@ CError ConfigMgr::LoadConfig(const std::string& path) {
   path_ = path;
   if (nuv_path_is_exist_a(path_.c_str()) == 0) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, not find config file %s.", path_.c_str());
-    return CError::CreateError(103, "n`t found config");
+    return CError::CreateError(kErrConfigNotFound, "n`t found config");
   }
   return LoadFound();
 }
@@ -45,7 +45,7 @@ void ConfigMgr::ReleaseSections() {
 CError ConfigMgr::LoadFound() {
   if (document_.JsonLoadFile(path_) != JsonUtil::kOk) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse config file failed.");
-    return CError::CreateError(104, "load config failed, path = %s", path_.c_str());
+    return CError::CreateError(kErrConfigLoad, "load config failed, path = %s", path_.c_str());
   }
   CError result = ParseSections();
   if (result.IsSuccess()) {
@@ -57,33 +57,33 @@ CError ConfigMgr::LoadFound() {
 CError ConfigMgr::ParseSections() {
   if (!CMessageQueueCfg::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse message queue config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "message queue config");
   }
   if (!CCollectSdkCfg::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse collect sdk config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "collect sdk config");
   }
   if (!CPerforMonitorCfg::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse performance monitor config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "performance monitor config");
   }
   if (!CMaintainceLogCfg::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse maintaince log config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "maintaince log config");
   }
   // The next two lines repeat the log section's wording on purpose; the tag tells them apart.
   if (!CClearnCfg::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse maintaince log config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "clearn log config");
   }
   if (!CAdditionCtrlor::GetInstance()->Parse(document_)) {
     ZLOG_ERROR("[ConfigMgr]::LoadConfig faild, parse maintaince log config failed.");
-    return CError::CreateError(105, "parse config failed, tag name = %s",
+    return CError::CreateError(kErrConfigParse, "parse config failed, tag name = %s",
                                "CAdditionCtrlor log config");
   }
   return CError();

@@ -11,7 +11,7 @@ CError CFileContent::InitFilePath(const std::string& path) {
 CError CFileContent::WriteContent(const std::string& record, int& offset) {
   if (record.empty()) {
     // The index file's text, kept for both: the record is what the entry's length measures.
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "index data len = 0");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
   }
   // Records are text: only what precedes a NUL byte is stored.
   const std::string text(record.c_str());
@@ -20,7 +20,7 @@ CError CFileContent::WriteContent(const std::string& record, int& offset) {
 
 CError CFileContent::ReadContent(IndexData& entry, std::string& out) {
   if (!entry.IsValid()) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "index data invalid");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "index data invalid");
   }
   std::string data;
   int next = 0;
@@ -36,7 +36,7 @@ CError CFileContent::ReadContent(IndexData& entry, std::string& out) {
 CError CFileContent::ReadBatchContent(std::vector<IndexData>& entries,
                                       std::vector<std::string>& out) {
   if (entries.empty()) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "indexs invalid");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "indexs invalid");
   }
   CError result;
   for (IndexData& entry : entries) {
@@ -61,5 +61,5 @@ CError CFileContent::ReadAllContent(std::vector<IndexData>& entries,
   if (!result.IsSuccess()) {
     return result;
   }
-  return CError::CreateError(kFileErrParam, "parameters invalid, %s", "indexs missing part");
+  return CError::CreateError(kErrParam, "parameters invalid, %s", "indexs missing part");
 }

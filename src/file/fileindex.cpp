@@ -58,7 +58,7 @@ CError CFileIndex::InitFilePath(const std::string& path) {
 
 CError CFileIndex::WriteIndex(IndexData& entry) {
   if (!entry.IsValid()) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "index data len = 0");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
   }
   int offset = 0;
   return operator_.WriteFile(entry.ToString(), offset);
@@ -66,7 +66,7 @@ CError CFileIndex::WriteIndex(IndexData& entry) {
 
 CError CFileIndex::ReadIndex(unsigned int n, IndexData& entry) {
   if (n == 0) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "read index = 0");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "read index = 0");
   }
   const uint64_t position = static_cast<uint64_t>(n - 1) * kIndexLineSize;
   std::string line;
@@ -91,7 +91,7 @@ CError CFileIndex::ReadBatchIndexs(unsigned int start, unsigned int count, unsig
   if (total < static_cast<int64_t>(start)) {
     next = 0;
     out.clear();
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s",
+    return CError::CreateError(kErrParam, "parameters invalid, %s",
                                "read batch indexs invalid");
   }
   uint64_t batch = count;

@@ -7,12 +7,12 @@
 namespace {
 
 CError InvalidClassify() {
-  return CError::CreateError(kFileErrParam, "parameters invalid, %s", "file classify invalid.");
+  return CError::CreateError(kErrParam, "parameters invalid, %s", "file classify invalid.");
 }
 
 // The store's lock could not be taken (it could not be made): nothing may run unlocked.
 CError LockNotTaken() {
-  return CError::CreateError(kFileErrParam, "parameters invalid, %s", "store lock not taken.");
+  return CError::CreateError(kErrParam, "parameters invalid, %s", "store lock not taken.");
 }
 
 // A usable classification whose files cannot be opened reports why; anything else is the
@@ -161,7 +161,7 @@ CError CFileManager::EnumAllFiles(std::vector<std::string>& out, int type) {
 
 CError CFileManager::EnumFilesByType(unsigned int type, std::vector<std::string>& out) {
   if (type == 0) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "type = 0");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "type = 0");
   }
   return EnumMatching(type, out, [type](const std::string& file) {
     CFileClassify classify;
@@ -173,7 +173,7 @@ CError CFileManager::EnumFilesByType(unsigned int type, std::vector<std::string>
 CError CFileManager::EnumFilesByTime(const std::string& day, std::vector<std::string>& out,
                                      int type) {
   if (!CFileClassify::CheckDataTime(day)) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", day.c_str());
+    return CError::CreateError(kErrParam, "parameters invalid, %s", day.c_str());
   }
   return EnumMatching(static_cast<unsigned int>(type), out, [&day](const std::string& file) {
     CFileClassify classify;

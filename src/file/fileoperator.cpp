@@ -22,7 +22,7 @@ CError CFileOperator::InitOperator(const std::string& path) {
   // A second open of the same operator must not leak the handles of the first.
   Reset();
   if (path.empty()) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", path.c_str());
+    return CError::CreateError(kErrParam, "parameters invalid, %s", path.c_str());
   }
   path_ = path;
   const std::string dir = GetDirectory(path);

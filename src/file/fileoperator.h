@@ -10,21 +10,6 @@
 #include "common/error.h"
 #include "nuv_file.h"
 
-// Error codes of the store (the 2xx range) and the parameter code it shares.
-enum FileErrorCode {
-  kFileErrParam = 102,
-  kFileErrOpen = 203,
-  kFileErrRead = 204,
-  kFileErrWrite = 205,
-  kFileErrMalloc = 206,
-  kFileErrOffset = 208,
-  kFileErrReadEnd = 209,  // the read reached the end of the file: carries data, not a failure
-  kFileErrFindFail = 210,
-  kFileErrFindEmpty = 211,
-  kFileErrIndexWrite = 212,
-  kFileErrReset = 213,
-};
-
 // The store is private to its owner and group.
 constexpr int kStoreDirectoryMode = 0750;
 

@@ -118,7 +118,7 @@ CError CFileUnit::WriteFile(const std::string& record) {
   // The content file would keep the record only up to a NUL while the index counts all of
   // it, and every later record would then be read from the wrong place.
   if (record.find('\0') != std::string::npos) {
-    return CError::CreateError(kFileErrParam, "parameters invalid, %s", "record holds a NUL byte");
+    return CError::CreateError(kErrParam, "parameters invalid, %s", "record holds a NUL byte");
   }
   int offset = 0;
   CError result = content_.WriteContent(record, offset);

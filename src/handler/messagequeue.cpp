@@ -5,9 +5,6 @@ namespace {
 constexpr unsigned int kMinCapacity = 100;
 constexpr unsigned int kMaxCapacity = 5000;
 
-constexpr int kErrTopicNotFound = 100;
-constexpr int kErrQueueEmpty = 101;
-constexpr int kErrParameter = 102;
 
 }  // namespace
 
@@ -43,11 +40,11 @@ CError CMessageQueue::PutTopicMessage(const std::string& topic, QueueType type,
                                       const std::string& context) {
   Locked locked(lock_);
   if (type != QUEUE_TYPE_MEMORY && type != QUEUE_TYPE_PERSIST) {
-    return CError::CreateError(kErrParameter, "invalid parameter type = %d.",
+    return CError::CreateError(kErrParam, "invalid parameter type = %d.",
                                static_cast<int>(type));
   }
   if (topic.empty()) {
-    return CError::CreateError(kErrParameter, "invalid parameter topic empty.");
+    return CError::CreateError(kErrParam, "invalid parameter topic empty.");
   }
   std::queue<CMessage>& queue = queues_[topic];
   // A slow or absent consumer costs memory only up to the bound: the oldest message goes.

@@ -108,7 +108,7 @@ unsigned int CommonPerfMgr::RegisterInternalMonitor(const std::string& image, un
   // Returns whether the definition is done with (a worker exists for it now).
   auto create = [&](CMonitorData& monitor) {
     const CError result = CreateMonitor(monitor);
-    if (result.code == 110) {
+    if (result.code == kErrWorkerExists) {
       ZLOG_INFO("[CommonPerfMgr]::RegisterInternalMonitor success, image = %s, pid = %d, code = %d, des = %s.",
                 image.c_str(), static_cast<int>(pid), result.code, result.desc.c_str());
       return true;
@@ -148,7 +148,7 @@ CError CommonPerfMgr::CreateMonitor(CMonitorData& monitor) {
   if (workers_.FindWorker(CreateKey(monitor.image, pid), monitor.id)) {
     ZLOG_INFO("[CommonPerfMgr]::CreateMonitor exists, id = %s, code = %d, desc = %s.",
               monitor.id.c_str(), 110, kWorkerExists);
-    return CError::CreateError(110, kWorkerExists, monitor.id.c_str(), monitor.image.c_str(),
+    return CError::CreateError(kErrWorkerExists, kWorkerExists, monitor.id.c_str(), monitor.image.c_str(),
                                static_cast<int>(pid));
   }
   CWorker* worker = new (std::nothrow) CWorker();

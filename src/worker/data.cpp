@@ -111,7 +111,7 @@ CError CMonitorData::CheckValid() {
     reason = "monitor data type invalid";
   }
   if (reason != nullptr) {
-    return CError::CreateError(102, "parameters invalid, %s", reason);
+    return CError::CreateError(kErrParam, "parameters invalid, %s", reason);
   }
   return CError();
 }

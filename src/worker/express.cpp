@@ -85,11 +85,11 @@ void CExpress::SetExpress(const std::string& text) {
 CError CExpress::EvalExpress(bool& hit) {
   if (parser_ == nullptr) {
     ZLOG_ERROR("[CExpress]::EvalExpress, express executer engine empty.");
-    return CError::CreateError(107, "eval parse nullptr");
+    return CError::CreateError(kErrEval, "eval parse nullptr");
   }
   if (expression_.empty()) {
     ZLOG_ERROR("[CExpress]::EvalExpress, express string empty.");
-    return CError::CreateError(106, "express failed, express = %s", "empty");
+    return CError::CreateError(kErrExpress, "express failed, express = %s", "empty");
   }
   if (observer_) {
     hit = true;
@@ -103,7 +103,7 @@ CError CExpress::EvalExpress(bool& hit) {
   if (mupError(parser_) != 0) {
     ZLOG_ERROR("[CExpress]::EvalExpress, express execute failed, express str = %s.",
                expression_.c_str());
-    return CError::CreateError(107, "eval express failed, express = %s", expression_.c_str());
+    return CError::CreateError(kErrEval, "eval express failed, express = %s", expression_.c_str());
   }
   hit = value > 0.0;
   return CError();

@@ -78,7 +78,7 @@ void CSlidingWindow::CopyConfiguration(const CSlidingWindow& other) {
 
 CError CSlidingWindow::SetCondition(const std::string& condition,
                                     unsigned int collectorFrequency) {
-  CError result = CError::CreateError(106, "express failed, express = %s", condition.c_str());
+  CError result = CError::CreateError(kErrExpress, "express failed, express = %s", condition.c_str());
   collectorFrequency_ = collectorFrequency;
   do {
     if (!IsStringContainer(condition, kConditionCharacters)) {
@@ -171,7 +171,7 @@ CError CSlidingWindow::Insert(const Sample& sample, WindowState& state) {
   Cell* cell = new (std::nothrow) Cell();
   if (cell == nullptr) {
     ZLOG_ERROR("[CSlidingWindow]:ConstructCell faild. not enough memory.");
-    return CError::CreateError(206, "buffer malloc error  %u", 132u);
+    return CError::CreateError(kFileErrMalloc, "buffer malloc error  %u", 132u);
   }
   try {
     CError result = cell->ConstructCell(sample, expression_, ParserFor<Cell>(expression_));
@@ -193,7 +193,7 @@ CError CSlidingWindow::Insert(const Sample& sample, WindowState& state) {
     // Copying the sample's texts or growing the queue ran out of memory.
     delete cell;
     ZLOG_ERROR("[CSlidingWindow]:ConstructCell faild. not enough memory.");
-    return CError::CreateError(206, "buffer malloc error  %u", 132u);
+    return CError::CreateError(kFileErrMalloc, "buffer malloc error  %u", 132u);
   }
   if (cells_.size() == blockCounts_) {
     state_ = kWindowFull;

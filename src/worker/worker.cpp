@@ -137,7 +137,7 @@ CError CWorker::CreateWorker(const CMonitorData& monitor) {
     ZLOG_ERROR("[CWorker]::CreateWorker failed. collect frequency = %d, condition = %s.",
                frequency, monitor.condition.c_str());
     window_.Reset();
-    result = CError::CreateError(106, "express failed, express = %s", monitor.condition.c_str());
+    result = CError::CreateError(kErrExpress, "express failed, express = %s", monitor.condition.c_str());
   } else {
     result = window_.SetCondition(monitor.condition, static_cast<unsigned int>(frequency));
     if (!result.IsSuccess()) {
@@ -195,12 +195,12 @@ bool CWorker::WaitDeletable() {
 
 CError CWorker::InsertChildWorker(const CWorker& child) {
   if (child.key_.empty()) {
-    return CError::CreateError(109, "generate worker or insert worker failed");
+    return CError::CreateError(kErrWorker, "generate worker or insert worker failed");
   }
   try {
     children_.push_back(child);
   } catch (const std::bad_alloc&) {
-    return CError::CreateError(109, "generate worker or insert worker failed");
+    return CError::CreateError(kErrWorker, "generate worker or insert worker failed");
   }
   return CError();
 }

@@ -14,7 +14,7 @@
 CError CWorkerManager::CreateWorker(const CMonitorData& monitor, CWorker* worker) {
   if (worker == nullptr) {
     ZLOG_WARN("[CWorkerManager]::CreateWorker param error.");
-    return CError::CreateError(102, "parameter check error");
+    return CError::CreateError(kErrParam, "parameter check error");
   }
   CError result = worker->CreateWorker(monitor);
   if (!result.IsSuccess()) {
@@ -28,7 +28,7 @@ CError CWorkerManager::CreateWorker(const CMonitorData& monitor, CWorker* worker
 CError CWorkerManager::InsertWorker(CWorker* worker) {
   if (worker == nullptr) {
     ZLOG_WARN("[CWorkerManager]::InsertWorker param error.");
-    return CError::CreateError(102, "parameter check error");
+    return CError::CreateError(kErrParam, "parameter check error");
   }
   std::unique_ptr<CWorker> owned(worker);
   bool inserted = false;
@@ -59,7 +59,7 @@ CError CWorkerManager::InsertWorker(CWorker* worker) {
     }
   }
   if (!inserted) {
-    const CError result = CError::CreateError(109, "generate worker or insert worker failed");
+    const CError result = CError::CreateError(kErrWorker, "generate worker or insert worker failed");
     ZLOG_ERROR("[CWorkerManager]::InsertWorker failed. code = %d, desc = %s.", result.code,
                result.desc.c_str());
     return result;
@@ -187,7 +187,7 @@ void CWorkerManager::DeleteMatching(const std::vector<CWorker*>* indexed, const 
 
 CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
   CRwLockGuard guard(lock_, true);
-  if (!guard.Held()) return CError::CreateError(102, "parameter check error");
+  if (!guard.Held()) return CError::CreateError(kErrParam, "parameter check error");
   DeleteMatching(RootsOfID(id), [&id](CWorker& root) { return root.GetWorkerID() == id; },
                  [&id](CWorker& root) { root.DeleteWorkerByID(id); }, Removal::kByID);
   return CError();
@@ -195,7 +195,7 @@ CError CWorkerManager::DeleteWorkerByID(const std::string& id) {
 
 CError CWorkerManager::DeleteWorkerByKey(const std::string& key) {
   CRwLockGuard guard(lock_, true);
-  if (!guard.Held()) return CError::CreateError(102, "parameter check error");
+  if (!guard.Held()) return CError::CreateError(kErrParam, "parameter check error");
   DeleteMatching(RootsOfKey(key), [&key](CWorker& root) { return root.GetKey() == key; },
                  [&key](CWorker& root) { root.DeleteWorkerByKey(key); }, Removal::kByKey);
   return CError();
