@@ -33,8 +33,9 @@
 
 NUV_BEGIN_DECLS
 
-/* Bus failures. Distinct from the 0x84CE.... results of the library's handlers; a handler
- * should not return values of this range, since a poster cannot tell them apart. */
+/* Results: 0 or one of the bus codes below; nuv_comm_post gives the handler's own result
+ * instead of 0. Bus codes are distinct from the 0x84CE.... results of the library's handlers;
+ * a handler should not return values of this range, since a poster cannot tell them apart. */
 #define NUV_COMM_E_NOTOPIC ((int)0x4E430001) /* nobody serves the topic */
 #define NUV_COMM_E_TIMEOUT ((int)0x4E430002) /* no answer within the time-out */
 #define NUV_COMM_E_TOOBIG ((int)0x4E430003)  /* message over NUV_COMM_MAX_MSG */

@@ -1,4 +1,6 @@
-/* Directories: creation and removal of trees, and walks over them. */
+/* Directories: creation and removal of trees, and walks over them.
+ *
+ * Results: 0, or -1 with errno; a walk handle or NULL with errno. */
 #ifndef NUV_DIR_H
 #define NUV_DIR_H
 

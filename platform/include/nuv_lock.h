@@ -13,7 +13,9 @@
  * mutual exclusion must end well within the bound (everything in the library takes
  * milliseconds). The former holder's release then returns EPERM and changes nothing. Shared
  * holds are never taken over. A thread never runs a critical section without the lock: every
- * acquire either returns 0 with the lock held, or an error with nothing taken. */
+ * acquire either returns 0 with the lock held, or an error with nothing taken.
+ *
+ * Results: 0, or an errno value. */
 #ifndef NUV_LOCK_H
 #define NUV_LOCK_H
 

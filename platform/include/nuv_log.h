@@ -1,4 +1,7 @@
-/* Log output: whole lines to a file or stderr, filtered by level. */
+/* Log output: whole lines to a file or stderr, filtered by level.
+ *
+ * Results: 0, or -1 with errno. A line that cannot be written is dropped: logging never fails
+ * its caller. */
 #ifndef NUV_LOG_H
 #define NUV_LOG_H
 

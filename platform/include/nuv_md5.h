@@ -1,4 +1,6 @@
-/* MD5 digests. */
+/* MD5 digests.
+ *
+ * Results: 0, or -1 for a NULL or too small argument. */
 #ifndef NUV_MD5_H
 #define NUV_MD5_H
 

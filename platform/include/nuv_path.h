@@ -1,5 +1,7 @@
 /* Path texts. The "_a" calls take and give narrow (UTF-8) text; "_u" ones return a pointer
- * into their argument. No call here touches the file system except where it says so. */
+ * into their argument. No call here touches the file system except where it says so.
+ *
+ * Results: 0, or -1 (with errno where the call says so); the "is_" calls answer 1 or 0. */
 #ifndef NUV_PATH_H
 #define NUV_PATH_H
 

@@ -5,7 +5,9 @@
  *
  * On 32-bit x86 the layouts are fixed: all fields are 32-bit words or pairs of them, 64-bit
  * values sit at 4-byte alignment (the i386 ABI's own rule, so no packing is needed) and
- * pointers are 32 bits. Subscribers step through arrays of these records by those sizes. */
+ * pointers are 32 bits. Subscribers step through arrays of these records by those sizes.
+ *
+ * Results: 0, or an errno value. */
 #ifndef NUV_PERFPROV_H
 #define NUV_PERFPROV_H
 

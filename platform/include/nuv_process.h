@@ -1,4 +1,7 @@
-/* Child processes run through the shell, with a bounded wait. */
+/* Child processes run through the shell, with a bounded wait.
+ *
+ * Results: 1 when the call did what it says, 0 with errno when it did not (the platform's
+ * historical truth values; keep them for any call added here). */
 #ifndef NUV_PROCESS_H
 #define NUV_PROCESS_H
 

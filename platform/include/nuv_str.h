@@ -1,4 +1,6 @@
-/* Bounded string copies and formatting, and wide-to-UTF-8 conversion. */
+/* Bounded string copies and formatting, and wide-to-UTF-8 conversion.
+ *
+ * Results: lengths and pointers as the C library's counterparts give them. */
 #ifndef NUV_STR_H
 #define NUV_STR_H
 

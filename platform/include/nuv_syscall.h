@@ -4,7 +4,9 @@
  *
  * Production code never overrides an entry. A test swaps one entry, runs, and restores it;
  * the swap is atomic, so threads already inside the platform see the old or the new call,
- * never a torn pointer. */
+ * never a torn pointer.
+ *
+ * Results: the entries keep their system calls' own conventions. */
 #ifndef NUV_SYSCALL_H
 #define NUV_SYSCALL_H
 

@@ -3,7 +3,13 @@
  * A thread started here can be cancelled only at a cancellation point: nuv_sleep, nuv_msleep
  * and nuv_process_wait. There the thread unwinds as if by an exception, so C++ destructors
  * (and C cleanup handlers) of every frame run, and it is never stopped while it holds a lock
- * taken elsewhere in its body. A thread body may also poll nuv_thread_should_stop(). */
+ * taken elsewhere in its body. A thread body may also poll nuv_thread_should_stop().
+ *
+ * The unwinding is a forced one that cannot be stopped: a frame that swallows it (catch (...)
+ * without rethrowing) or a noexcept frame on the way (a destructor that sleeps, say) aborts the
+ * process. A body that catches everything must rethrow, and no destructor may sleep.
+ *
+ * Results: 0, or an errno value. */
 #ifndef NUV_THREAD_H
 #define NUV_THREAD_H
 

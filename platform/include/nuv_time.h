@@ -3,7 +3,9 @@
  * NUV_TIME_OFFSET (environment, seconds, may be negative) is added to nuv_time().
  * NUV_TICK_SCALE (environment, integer >= 1) makes the tick count run that many times faster
  * and nuv_sleep/nuv_msleep that many times shorter. Both are read once, when the library is
- * loaded; the setters below change them at run time. */
+ * loaded; the setters below change them at run time.
+ *
+ * Results: times as values; the other calls 0, or -1 for an argument they cannot take. */
 #ifndef NUV_TIME_H
 #define NUV_TIME_H
 

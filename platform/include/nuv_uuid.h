@@ -1,4 +1,6 @@
-/* Random (version 4) UUIDs. */
+/* Random (version 4) UUIDs.
+ *
+ * Results: 0, or -1 for a NULL or too small argument. */
 #ifndef NUV_UUID_H
 #define NUV_UUID_H
 
