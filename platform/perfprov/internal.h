@@ -49,6 +49,20 @@ int pp_list_pids(pid_t **pids, size_t *count);
 /* Milliseconds of a clock. */
 uint64_t pp_clock_ms(clockid_t clock);
 
+/* ---- Texts of one result, addressed by offset until the buffer stops growing (texts.c). */
+
+struct pp_texts {
+  char *buf;
+  size_t used, cap;
+};
+
+#define PP_NO_TEXT ((size_t)-1)
+
+/* Appends s with its NUL; its offset, or PP_NO_TEXT when out of memory. */
+size_t pp_texts_add(struct pp_texts *t, const char *s);
+/* The text at an offset pp_texts_add gave; "" for PP_NO_TEXT. */
+const char *pp_texts_at(const struct pp_texts *t, size_t offset);
+
 /* ---- The process-event thread of one subscription period and its subscribers (run.c). */
 
 #define PP_MAX_SUBS 32

@@ -21,27 +21,6 @@ void nuv_clean_query_proc_info(void) {
   pthread_setspecific(g_key, NULL);
 }
 
-struct texts {
-  char *buf;
-  size_t used, cap;
-};
-
-/* Appends s with its NUL; returns its offset, or (size_t)-1 when out of memory. */
-static size_t add_text(struct texts *t, const char *s) {
-  size_t len = strlen(s) + 1;
-  if (t->cap - t->used < len) {
-    size_t cap = t->cap ? t->cap : 16384;
-    while (cap - t->used < len) cap *= 2;
-    char *bigger = realloc(t->buf, cap);
-    if (!bigger) return (size_t)-1;
-    t->buf = bigger;
-    t->cap = cap;
-  }
-  memcpy(t->buf + t->used, s, len);
-  t->used += len;
-  return t->used - len;
-}
-
 int nuv_query_proc_info(_process_mon_list *result) {
   if (!result) return EINVAL;
   result->info = NULL;
@@ -57,7 +36,7 @@ int nuv_query_proc_info(_process_mon_list *result) {
     pid_t pid;
     size_t name, path;
   } *found = malloc((n ? n : 1) * sizeof *found);
-  struct texts texts = {NULL, 0, 0};
+  struct pp_texts texts = {NULL, 0, 0};
   size_t count = 0;
   rc = found ? 0 : ENOMEM;
   char name[PP_NAME_MAX], path[PP_PATH_MAX];
@@ -65,9 +44,9 @@ int nuv_query_proc_info(_process_mon_list *result) {
     struct pp_stat st;
     if (pp_read_ident(pids[i], &st, name, sizeof name, path, sizeof path) != 0) continue;
     found[count].pid = pids[i];
-    found[count].name = add_text(&texts, name);
-    found[count].path = add_text(&texts, path);
-    if (found[count].name == (size_t)-1 || found[count].path == (size_t)-1) rc = ENOMEM;
+    found[count].name = pp_texts_add(&texts, name);
+    found[count].path = pp_texts_add(&texts, path);
+    if (found[count].name == PP_NO_TEXT || found[count].path == PP_NO_TEXT) rc = ENOMEM;
     count++;
   }
   free(pids);

@@ -63,29 +63,6 @@ struct sm_state {
   unsigned long long prev_busy, prev_total, prev_iowait;
 };
 
-/* Texts of one notification, addressed by offset until the buffer stops moving. */
-struct texts {
-  char *buf;
-  size_t used, cap;
-};
-
-#define NO_TEXT ((size_t)-1)
-
-static size_t add_text(struct texts *t, const char *s) {
-  size_t len = strlen(s) + 1;
-  if (t->cap - t->used < len) {
-    size_t cap = t->cap ? t->cap : 65536;
-    while (cap - t->used < len) cap *= 2;
-    char *bigger = realloc(t->buf, cap);
-    if (!bigger) return NO_TEXT;
-    t->buf = bigger;
-    t->cap = cap;
-  }
-  memcpy(t->buf + t->used, s, len);
-  t->used += len;
-  return t->used - len;
-}
-
 static void wanted_items(int monitor_type, enum pids_item *items) {
   int procs = monitor_type & NUV_PERF_MONITOR_PROCESS;
   items[I_PID] = PIDS_ID_PID;
@@ -196,20 +173,130 @@ static void deliver(unsigned int session, int monitor_type, const _sys_info *sys
   pthread_mutex_unlock(&g_mu);
 }
 
+/* Which items libproc2 reads follows the monitor type; 0, or -1 when they cannot be set. */
+static int select_items(struct sm_state *st, int monitor_type) {
+  enum pids_item items[I_COUNT];
+  wanted_items(monitor_type, items);
+  if (memcmp(items, st->items, sizeof items) == 0) return 0;
+  if (procps_pids_reset(st->pids, items, I_COUNT) < 0) return -1;
+  memcpy(st->items, items, sizeof items);
+  return 0;
+}
+
+/* The switches of one sample, from the monitor type. */
+struct wanted {
+  int procs, io, fds, cmdline;
+};
+
+/* The clocks of one sample and of the period it closes. */
+struct period {
+  uint64_t boot_ms, real_ms;
+  double elapsed_ms, machine_ms, hz;
+};
+
+/* Fills p from one process's stack: its times, memory and threads, and its rates over the
+ * period. `now` holds its identity and counters as read in this sample. */
+static void process_figures(const struct sm_state *st, struct pids_stack *s, struct wanted w,
+                            const struct period *pd, const struct prev_proc *now,
+                            _process_info *p) {
+  double hz = pd->hz;
+  p->pid = (uint32_t)now->pid;
+  p->parentid = (uint32_t)PIDS_VAL(I_PPID, s_int, s, st->pids);
+  unsigned long long ut = PIDS_VAL(I_UTIME, ull_int, s, st->pids);
+  unsigned long long kt = PIDS_VAL(I_STIME, ull_int, s, st->pids);
+  p->usertime = (uint64_t)((double)ut * 1000.0 / hz);
+  p->kerneltime = (uint64_t)((double)kt * 1000.0 / hz);
+  p->cputime = p->usertime + p->kerneltime;
+  uint64_t began_ms = (uint64_t)((double)now->start * 1000.0 / hz);
+  p->totaltime = pd->boot_ms > began_ms ? pd->boot_ms - began_ms : 0;
+  p->createtime = (uint32_t)((pd->real_ms - p->totaltime + 500) / 1000);
+  p->memory = PIDS_VAL(I_RES, ul_int, s, st->pids);
+  p->memorycommit = PIDS_VAL(I_VIRT, ul_int, s, st->pids);
+  int nlwp = PIDS_VAL(I_NLWP, s_int, s, st->pids);
+  p->threads = nlwp > 0 ? (uint32_t)nlwp : 0;
+  p->readbytes = now->rbytes;
+  p->writebytes = now->wbytes;
+
+  /* Rates cover the last period only: against the previous sample, or from zero for a
+   * process that started within the period; otherwise they are not known and stay 0. */
+  const struct prev_proc *before = find_prev(st, now->pid);
+  int known = before && before->start == now->start;
+  int fresh = !known && st->have_prev && began_ms >= st->prev_boot_ms;
+  if (!st->have_prev || !(known || fresh)) return;
+  unsigned long long t0 = known ? before->ticks : 0;
+  if (now->ticks > t0) p->cpu = percent((double)(now->ticks - t0) * 1000.0 / hz, pd->machine_ms);
+  if (w.io && (fresh || before->has_io) && pd->elapsed_ms > 0) {
+    unsigned long long r0 = fresh ? 0 : before->rbytes, w0 = fresh ? 0 : before->wbytes;
+    double ms = pd->elapsed_ms;
+    if (now->rbytes > r0) p->iorspeed = clamp32((double)(now->rbytes - r0) * 1000.0 / ms);
+    if (now->wbytes > w0) p->iowspeed = clamp32((double)(now->wbytes - w0) * 1000.0 / ms);
+  }
+}
+
+/* Image and path of a process into `texts`, its command line (libproc2's, valid until the next
+ * reap) and its descriptor count. */
+static void process_texts(struct wanted w, const char *comm, const char *cmdline,
+                          _process_info *p, struct pp_texts *texts, size_t offs[2]) {
+  char path[PP_PATH_MAX], image[PP_NAME_MAX];
+  if (w.fds) {
+    long fds = pp_count_fds((pid_t)p->pid);
+    p->handles = fds > 0 ? (uint32_t)fds : 0;
+  }
+  pp_read_exe((pid_t)p->pid, path, sizeof path);
+  pp_image_name(path, comm, image, sizeof image);
+  offs[0] = pp_texts_add(texts, image);
+  offs[1] = pp_texts_add(texts, path);
+  p->commandline = cmdline ? cmdline : "";
+}
+
+/* The machine's CPU and I/O-wait shares over the period, from the tick sums. */
+static void system_rates(const struct sm_state *st, unsigned long long busy,
+                         unsigned long long total, unsigned long long iowait, _sys_info *sys) {
+  if (total <= st->prev_total) return;
+  double dt = (double)(total - st->prev_total);
+  sys->cpu = busy > st->prev_busy ? percent((double)(busy - st->prev_busy), dt) : 0.0f;
+  sys->cpu_iowait_percent =
+      iowait > st->prev_iowait ? percent((double)(iowait - st->prev_iowait), dt) : 0.0f;
+}
+
+/* This sample becomes the baseline of the next; takes `next`. */
+static void remember(struct sm_state *st, struct prev_proc *next, size_t nnext, uint64_t boot_ms,
+                     unsigned long long busy, unsigned long long total,
+                     unsigned long long iowait) {
+  qsort(next, nnext, sizeof *next, cmp_prev);
+  free(st->prev);
+  st->prev = next;
+  st->nprev = nnext;
+  st->have_prev = 1;
+  st->prev_boot_ms = boot_ms;
+  st->prev_busy = busy;
+  st->prev_total = total;
+  st->prev_iowait = iowait;
+}
+
+/* What libproc2 read of one live process: its identity and counters, as the next sample will
+ * compare them. */
+static void read_counters(const struct sm_state *st, struct pids_stack *s, struct wanted w,
+                          struct prev_proc *now) {
+  (void)st; /* PIDS_VAL names its info argument but reads only the stack */
+  now->pid = PIDS_VAL(I_PID, s_int, s, st->pids);
+  now->has_io = w.io;
+  now->start = PIDS_VAL(I_BEGAN, ull_int, s, st->pids);
+  now->ticks = PIDS_VAL(I_UTIME, ull_int, s, st->pids) + PIDS_VAL(I_STIME, ull_int, s, st->pids);
+  now->rbytes = w.io ? PIDS_VAL(I_RBYTES, ul_int, s, st->pids) : 0;
+  now->wbytes = w.io ? PIDS_VAL(I_WBYTES, ul_int, s, st->pids) : 0;
+}
+
 /* Takes one sample. With `notify` 0 it only sets the baseline; otherwise it notifies the
  * subscribers of `session`. */
 static void sample(struct sm_state *st, int notify, unsigned int session) {
   int monitor_type = __atomic_load_n(&g_monitor_type, __ATOMIC_RELAXED);
-  enum pids_item items[I_COUNT];
-  wanted_items(monitor_type, items);
-  if (memcmp(items, st->items, sizeof items) != 0) {
-    if (procps_pids_reset(st->pids, items, I_COUNT) < 0) return;
-    memcpy(st->items, items, sizeof items);
-  }
-  int procs_on = (monitor_type & NUV_PERF_MONITOR_PROCESS) != 0;
-  int io_on = procs_on && (monitor_type & NUV_PERF_MONITOR_PROCESS_IO);
-  int fds_on = procs_on && (monitor_type & NUV_PERF_MONITOR_HANDLES);
-  int cmd_on = procs_on && (monitor_type & NUV_PERF_MONITOR_CMDLINE);
+  if (select_items(st, monitor_type) != 0) return;
+  struct wanted w = {0, 0, 0, 0};
+  w.procs = (monitor_type & NUV_PERF_MONITOR_PROCESS) != 0;
+  w.io = w.procs && (monitor_type & NUV_PERF_MONITOR_PROCESS_IO);
+  w.fds = w.procs && (monitor_type & NUV_PERF_MONITOR_HANDLES);
+  w.cmdline = w.procs && (monitor_type & NUV_PERF_MONITOR_CMDLINE);
 
   _sys_info sys;
   memset(&sys, 0, sizeof sys);
@@ -217,112 +304,54 @@ static void sample(struct sm_state *st, int notify, unsigned int session) {
   if (read_system(st, &sys, &busy, &total, &iowait) != 0) return;
   struct pids_fetch *fetch = procps_pids_reap(st->pids, PIDS_FETCH_TASKS_ONLY);
   if (!fetch) return;
-  uint64_t boot_ms = pp_clock_ms(CLOCK_BOOTTIME);
-  uint64_t real_ms = pp_clock_ms(CLOCK_REALTIME);
+  struct period pd;
+  pd.boot_ms = pp_clock_ms(CLOCK_BOOTTIME);
+  pd.real_ms = pp_clock_ms(CLOCK_REALTIME);
+  pd.elapsed_ms = st->have_prev ? (double)(pd.boot_ms - st->prev_boot_ms) : 0.0;
+  pd.machine_ms = pd.elapsed_ms * (double)(sys.cpunum ? sys.cpunum : 1);
+  pd.hz = (double)st->hz;
   int nstacks = fetch->counts ? fetch->counts->total : 0;
+  size_t room = (size_t)(nstacks > 0 ? nstacks : 1);
 
-  struct prev_proc *next = malloc((size_t)(nstacks > 0 ? nstacks : 1) * sizeof *next);
-  _process_info *procs = calloc((size_t)(nstacks > 0 ? nstacks : 1), sizeof *procs);
-  struct {
-    size_t image, path;
-  } *offs = malloc((size_t)(nstacks > 0 ? nstacks : 1) * sizeof *offs);
-  struct texts texts = {NULL, 0, 0};
+  struct prev_proc *next = malloc(room * sizeof *next);
+  _process_info *procs = calloc(room, sizeof *procs);
+  size_t(*offs)[2] = malloc(room * sizeof *offs);
+  struct pp_texts texts = {NULL, 0, 0};
   if (!next || !procs || !offs) goto out;
 
-  double elapsed_ms = st->have_prev ? (double)(boot_ms - st->prev_boot_ms) : 0.0;
-  double hz = (double)st->hz;
-  double machine_ms = elapsed_ms * (double)(sys.cpunum ? sys.cpunum : 1);
   uint32_t nprocs = 0, threads = 0;
   size_t nnext = 0;
-  char path[PP_PATH_MAX], image[PP_NAME_MAX];
   for (int i = 0; i < nstacks; i++) {
     struct pids_stack *s = fetch->stacks[i];
     char state = PIDS_VAL(I_STATE, s_ch, s, st->pids);
     if (state == 'Z' || state == 'X') continue;
-    pid_t pid = PIDS_VAL(I_PID, s_int, s, st->pids);
     int nlwp = PIDS_VAL(I_NLWP, s_int, s, st->pids);
-    unsigned long long ut = PIDS_VAL(I_UTIME, ull_int, s, st->pids);
-    unsigned long long kt = PIDS_VAL(I_STIME, ull_int, s, st->pids);
-    unsigned long long began = PIDS_VAL(I_BEGAN, ull_int, s, st->pids);
-    unsigned long long rb = io_on ? PIDS_VAL(I_RBYTES, ul_int, s, st->pids) : 0;
-    unsigned long long wb = io_on ? PIDS_VAL(I_WBYTES, ul_int, s, st->pids) : 0;
     threads += nlwp > 0 ? (uint32_t)nlwp : 0;
-    next[nnext++] = (struct prev_proc){pid, io_on, began, ut + kt, rb, wb};
-    if (!procs_on || !notify) {
-      nprocs++;
-      continue;
+    struct prev_proc *now = &next[nnext++];
+    read_counters(st, s, w, now);
+    if (w.procs && notify) {
+      process_figures(st, s, w, &pd, now, &procs[nprocs]);
+      const char *cmdline = w.cmdline ? PIDS_VAL(I_CMDLINE, str, s, st->pids) : NULL;
+      process_texts(w, PIDS_VAL(I_CMD, str, s, st->pids), cmdline, &procs[nprocs], &texts,
+                    offs[nprocs]);
     }
-
-    _process_info *p = &procs[nprocs];
-    p->pid = (uint32_t)pid;
-    p->parentid = (uint32_t)PIDS_VAL(I_PPID, s_int, s, st->pids);
-    p->usertime = (uint64_t)((double)ut * 1000.0 / hz);
-    p->kerneltime = (uint64_t)((double)kt * 1000.0 / hz);
-    p->cputime = p->usertime + p->kerneltime;
-    uint64_t began_ms = (uint64_t)((double)began * 1000.0 / hz);
-    p->totaltime = boot_ms > began_ms ? boot_ms - began_ms : 0;
-    p->createtime = (uint32_t)((real_ms - p->totaltime + 500) / 1000);
-    p->memory = PIDS_VAL(I_RES, ul_int, s, st->pids);
-    p->memorycommit = PIDS_VAL(I_VIRT, ul_int, s, st->pids);
-    p->threads = nlwp > 0 ? (uint32_t)nlwp : 0;
-
-    /* Rates cover the last period only: against the previous sample, or from zero for a
-     * process that started within the period; otherwise they are not known and stay 0. */
-    const struct prev_proc *before = find_prev(st, pid);
-    int known = before && before->start == began;
-    int fresh = !known && st->have_prev && began_ms >= st->prev_boot_ms;
-    if (st->have_prev && (known || fresh)) {
-      unsigned long long t0 = known ? before->ticks : 0;
-      if (ut + kt > t0) p->cpu = percent((double)(ut + kt - t0) * 1000.0 / hz, machine_ms);
-      if (io_on && (fresh || before->has_io) && elapsed_ms > 0) {
-        unsigned long long r0 = fresh ? 0 : before->rbytes, w0 = fresh ? 0 : before->wbytes;
-        if (rb > r0) p->iorspeed = clamp32((double)(rb - r0) * 1000.0 / elapsed_ms);
-        if (wb > w0) p->iowspeed = clamp32((double)(wb - w0) * 1000.0 / elapsed_ms);
-      }
-    }
-    p->readbytes = rb;
-    p->writebytes = wb;
-    if (fds_on) {
-      long fds = pp_count_fds(pid);
-      p->handles = fds > 0 ? (uint32_t)fds : 0;
-    }
-    pp_read_exe(pid, path, sizeof path);
-    const char *comm = PIDS_VAL(I_CMD, str, s, st->pids);
-    pp_image_name(path, comm, image, sizeof image);
-    offs[nprocs].image = add_text(&texts, image);
-    offs[nprocs].path = add_text(&texts, path);
-    const char *cmdline = cmd_on ? PIDS_VAL(I_CMDLINE, str, s, st->pids) : NULL;
-    p->commandline = cmdline ? cmdline : ""; /* libproc2's, valid until the next reap */
     nprocs++;
   }
 
   if (notify && st->have_prev) {
     sys.procnum = nprocs;
     sys.threadnum = threads;
-    if (total > st->prev_total) {
-      double dt = (double)(total - st->prev_total);
-      sys.cpu = busy > st->prev_busy ? percent((double)(busy - st->prev_busy), dt) : 0.0f;
-      sys.cpu_iowait_percent =
-          iowait > st->prev_iowait ? percent((double)(iowait - st->prev_iowait), dt) : 0.0f;
-    }
-    uint32_t listed = procs_on ? nprocs : 0;
+    system_rates(st, busy, total, iowait, &sys);
+    uint32_t listed = w.procs ? nprocs : 0;
     for (uint32_t i = 0; i < listed; i++) {
-      procs[i].image = offs[i].image == NO_TEXT ? "" : texts.buf + offs[i].image;
-      procs[i].path = offs[i].path == NO_TEXT ? "" : texts.buf + offs[i].path;
+      procs[i].image = pp_texts_at(&texts, offs[i][0]);
+      procs[i].path = pp_texts_at(&texts, offs[i][1]);
     }
     deliver(session, monitor_type, &sys, procs, listed);
   }
 
-  qsort(next, nnext, sizeof *next, cmp_prev);
-  free(st->prev);
-  st->prev = next;
-  st->nprev = nnext;
+  remember(st, next, nnext, pd.boot_ms, busy, total, iowait);
   next = NULL;
-  st->have_prev = 1;
-  st->prev_boot_ms = boot_ms;
-  st->prev_busy = busy;
-  st->prev_total = total;
-  st->prev_iowait = iowait;
 out:
   free(next);
   free(procs);
