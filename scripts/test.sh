@@ -31,7 +31,7 @@ suite() {
   ctest --preset "$preset" -j"$jobs"
 }
 
-suite default
+suite check
 [ "$quick" -eq 1 ] && exit 0
 echo "== package: build it, install it into a fresh Debian root, use it"
 sudo=""
