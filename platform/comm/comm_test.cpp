@@ -20,6 +20,7 @@
 
 #include "nuv_comm.h"
 #include "nuv_syscall.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 extern char** environ;
@@ -53,10 +54,7 @@ class Bus {
 };
 
 int Post(const std::string& topic, const std::string& msg) {
-  comm_data* d = nuv_comm_new_data(msg.data(), static_cast<unsigned int>(msg.size()));
-  int r = nuv_comm_post(topic.c_str(), d);
-  nuv_comm_delete_data(d);
-  return r;
+  return nuvtest::PostOnBus(topic, msg);
 }
 
 // Counts its calls and answers with the hash of the message.

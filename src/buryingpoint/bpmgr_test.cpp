@@ -14,7 +14,7 @@
 namespace {
 
 using filetest::Lines;
-using filetest::Post;
+const auto Post = &nuvtest::PostOnBus;
 constexpr int kBpInvalid = static_cast<int>(0x84CE0004u);
 const char kTopic[] = "maintenance:POST";
 const ::testing::Environment* const kEnv =

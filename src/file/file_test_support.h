@@ -24,6 +24,7 @@
 #include "nuv_comm.h"
 #include "nuv_file.h"
 #include "nuv_time.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 namespace filetest {
@@ -74,14 +75,6 @@ class BusEnvironment : public ::testing::Environment {
   bool withStore_;
   nuvtest::TempDir dir_;
 };
-
-// Posts `text` to `topic`: the bus's result.
-inline int Post(const char* topic, const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post(topic, data);
-  nuv_comm_delete_data(data);
-  return result;
-}
 
 // Moves nuv_time() to the given local time for its lifetime.
 class ClockAt {

@@ -25,7 +25,7 @@ const ::testing::Environment* const kEnv =
 // Posts `text` to the handler: its result and the handler's log messages.
 std::pair<int, Lines> Post(const std::string& text) {
   int result = -1;
-  const Lines lines = filetest::CaptureLog([&] { result = filetest::Post(kTopic, text); });
+  const Lines lines = filetest::CaptureLog([&] { result = nuvtest::PostOnBus(kTopic, text); });
   return {result, filetest::Messages(lines, "handler/handler.cpp")};
 }
 

@@ -19,6 +19,7 @@
 #include "config/config_mgr.h"
 #include "export/register_endpoint.h"
 #include "nuv_lock.h"
+#include "testutil/bus_post.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -102,13 +103,6 @@ std::vector<std::pair<std::string, size_t>> Counts(
 std::string Created(const std::string& id) {
   return "[INFO] [CommonPerfMgr]::CreateMonitor success, id = " + id +
          ", code = 0, desc = success.";
-}
-
-int Post(const std::string& topic, const std::string& text) {
-  comm_data* data = nuv_comm_new_data(text.data(), static_cast<unsigned int>(text.size()));
-  const int result = nuv_comm_post(topic.c_str(), data);
-  nuv_comm_delete_data(data);
-  return result;
 }
 
 TEST(CommonPerfMgr, DefinitionsBecomeWorkersWhenAndWhereTheirTargetsRun) {
@@ -252,9 +246,9 @@ TEST(CommonPerfMgr, RegistrationOverTheBus) {
       // Unregistered: the same definition makes a worker again.
       {"maintenance:register", definition, 0},
   };
-  for (const auto& post : posts) EXPECT_EQ(Post(post.topic, post.text), post.result) << post.text;
+  for (const auto& post : posts) EXPECT_EQ(nuvtest::PostOnBus(post.topic, post.text), post.result) << post.text;
   EXPECT_TRUE(manager.StopPerfManager());
-  EXPECT_EQ(Post("maintenance:register", definition), NUV_COMM_E_NOTOPIC);
+  EXPECT_EQ(nuvtest::PostOnBus("maintenance:register", definition), NUV_COMM_E_NOTOPIC);
   nuv_comm_uninit();
 }
 
