@@ -10,6 +10,7 @@
 #include "clearn/clearn.h"
 #include "common/error.h"
 #include "common/rwlock.h"
+#include "common/utils.h"
 #include "export/register_endpoint.h"
 #include "handler/handler.h"
 #include "manager/perfinterface.h"
@@ -56,6 +57,11 @@ class CommonPerfMgr : public CPerfInterface {
   // Definitions still held, for diagnostics.
   size_t ExactCount() const { return exact_.size(); }
   size_t NonExactCount() const { return nonExact_.size(); }
+  // Whether a worker of definition `id` watches process `pid` of `image` (0 and "system" for
+  // the machine), for diagnostics.
+  bool HasWorker(const std::string& image, unsigned int pid, const std::string& id) {
+    return workers_.FindWorker(CreateKey(image, pid), id);
+  }
 
  private:
   std::vector<CMonitorData> exact_;
