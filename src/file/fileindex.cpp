@@ -48,6 +48,18 @@ bool IndexData::StringToIndex(const std::string& line) {
   return true;
 }
 
+IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexData& entry) {
+  if (line.size() != static_cast<size_t>(kIndexLineSize) || line.back() != '\n' ||
+      !entry.StringToIndex(line)) {
+    return IndexLine::kNotALine;
+  }
+  if (!entry.IsValid()) return IndexLine::kEmptyRecord;
+  if (static_cast<uint64_t>(entry.offset) + entry.length > contentSize) {
+    return IndexLine::kPastContent;
+  }
+  return IndexLine::kStored;
+}
+
 CError CFileIndex::InitFilePath(const std::string& path) {
   CError result = operator_.InitOperator(path);
   if (result.IsSuccess()) {

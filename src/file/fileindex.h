@@ -4,6 +4,7 @@
 #ifndef NUV_FILE_FILEINDEX_H
 #define NUV_FILE_FILEINDEX_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,13 @@ struct IndexData {
   unsigned int length = 0;
   unsigned int offset = 0;
 };
+
+// How one index line stands against a content file of a given size.
+enum class IndexLine { kStored, kNotALine, kEmptyRecord, kPastContent };
+// The one reading of a line that crash repair and store verification share: kStored for a
+// whole line that parses and locates a non-empty record inside the content. `entry` is filled
+// whenever the line parses.
+IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexData& entry);
 
 class CFileIndex {
  public:

@@ -8,21 +8,6 @@
 #include "config/config_clearn.h"
 #include "nuv_file.h"
 
-namespace {
-
-
-// True when `line` is a whole index line locating a record that lies inside the content.
-bool LocatesStoredRecord(const std::string& line, uint64_t contentSize) {
-  IndexData entry;
-  if (line.size() != static_cast<size_t>(kIndexLineSize) || line.back() != '\n' ||
-      !entry.StringToIndex(line) || !entry.IsValid()) {
-    return false;
-  }
-  return static_cast<uint64_t>(entry.offset) + entry.length <= contentSize;
-}
-
-}  // namespace
-
 CError CFileUnit::InitFileUint(CFileClassify& classify) {
   CError result = index_.InitFilePath(classify.GetIndexPath());
   if (!result.IsSuccess()) {
@@ -67,9 +52,8 @@ CError CFileUnit::Repair() {
       // Not a torn line but a failing file: cut nothing rather than records.
       return read;
     }
-    if (LocatesStoredRecord(line, contentSize)) {
-      IndexData entry;
-      entry.StringToIndex(line);
+    IndexData entry;
+    if (CheckIndexLine(line, contentSize, entry) == IndexLine::kStored) {
       keepContent = static_cast<uint64_t>(entry.offset) + entry.length;
       break;
     }

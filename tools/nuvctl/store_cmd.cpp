@@ -163,15 +163,21 @@ std::string CheckPair(const Stream& stream) {
     const std::string line = index.substr(i * kIndexLineSize, kIndexLineSize);
     IndexData entry;
     std::ostringstream problem;
-    if (!entry.StringToIndex(line) || entry.ToString() != line) {
-      problem << "line " << i + 1 << " is not an index line";
-    } else if (!entry.IsValid()) {
-      problem << "line " << i + 1 << " has length 0";
-    } else if (uint64_t{entry.offset} + entry.length > contentSize) {
-      problem << "line " << i + 1 << " (offset " << entry.offset << ", length " << entry.length
-              << ") ends past the content's " << contentSize << " bytes";
+    switch (CheckIndexLine(line, contentSize, entry)) {
+      case IndexLine::kStored:
+        continue;
+      case IndexLine::kNotALine:
+        problem << "line " << i + 1 << " is not an index line";
+        break;
+      case IndexLine::kEmptyRecord:
+        problem << "line " << i + 1 << " has length 0";
+        break;
+      case IndexLine::kPastContent:
+        problem << "line " << i + 1 << " (offset " << entry.offset << ", length " << entry.length
+                << ") ends past the content's " << contentSize << " bytes";
+        break;
     }
-    if (!problem.str().empty()) return problem.str();
+    return problem.str();
   }
   if (index.size() % kIndexLineSize != 0) {
     return "index ends in a partial line of " + std::to_string(index.size() % kIndexLineSize) +
