@@ -171,16 +171,18 @@ NUV_API int nuv_perf_unregsiter_notifier(int monitor_type);
  * are not processes: thread creation and exit are never reported. A start is reported when a
  * process executes a program (netlink source) or is first seen (/proc source); an exit when it
  * ends (before it is reaped); an announced process that executes another program ends as its
- * old image and starts as the new one. The /proc source misses processes that live less than a second.
- * The first subscription takes a snapshot of the running processes before it returns, so an
+ * old image and starts as the new one. The /proc source misses processes that live less than
+ * a second. The event thread, like the sampler's, rests between subscriptions and ends with the
+ * process. The first subscription takes a snapshot of the running processes before it returns, so an
  * exit of any of them carries its name and path. Returns 0, EINVAL, ENOSPC (32 subscribers
  * already), or, when the netlink source is forced and cannot be used, the error that refused it
  * (EPERM without CAP_NET_ADMIN, ETIMEDOUT outside the initial pid namespace). Thread safe; may
  * be called from a callback. */
 NUV_API int nuv_proc_regsiter_notifier(nuv_proc_notifier callback, void *context);
 
-/* Removes every process subscription and ends the event thread, waiting for a callback in
- * flight as nuv_perf_unregsiter_notifier does. Returns 0. Thread safe. */
+/* Removes every process subscription; the event thread rests, and the session's netlink
+ * socket is closed by it shortly after. Waits for a callback in flight as
+ * nuv_perf_unregsiter_notifier does. Returns 0. Thread safe. */
 NUV_API int nuv_proc_unregsiter_notifier(void);
 
 /* Chooses the source of process events for the following subscriptions (one that runs keeps

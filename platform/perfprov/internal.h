@@ -63,7 +63,13 @@ size_t pp_texts_add(struct pp_texts *t, const char *s);
 /* The text at an offset pp_texts_add gave; "" for PP_NO_TEXT. */
 const char *pp_texts_at(const struct pp_texts *t, size_t offset);
 
-/* ---- The process-event thread of one subscription period and its subscribers (run.c). */
+/* ---- A provider's thread and its subscribers (run.c).
+ *
+ * Each provider (the sampler, the event source) has one thread, started by its first
+ * subscription and kept until the process ends: libproc2 keeps per-thread buffers that a
+ * thread's end would leak, and one design serves both. The time from a first subscription to
+ * the unsubscription is a session, numbered, with a state of its own that the subscribing call
+ * makes (so that a failure reaches that caller) and the thread frees when the session ends. */
 
 #define PP_MAX_SUBS 32
 
@@ -74,38 +80,43 @@ struct pp_sub {
 };
 
 struct pp_run {
+  /* Set once, in the initializer. */
+  void (*body)(struct pp_run *run, void *state, unsigned int session);
+  void (*free_state)(void *state);
+  pthread_mutex_t mu; /* guards everything below */
+  pthread_cond_t work; /* to the thread: a session's state waits */
+  pthread_cond_t idle; /* from the thread: a delivery ended */
   pthread_t tid;
-  pthread_mutex_t mu; /* guards subs, nsubs, stop */
+  int started;
+  int wake_fd; /* eventfd, written when a session ends; valid once started */
+  unsigned int session; /* also read with __atomic loads */
   struct pp_sub subs[PP_MAX_SUBS];
   int nsubs;
-  int stop;     /* also read with __atomic loads between callbacks */
-  int wake_fd;  /* eventfd, written to stop the thread */
-  int detached; /* set by the thread itself when it unsubscribed from its own callback */
-  void *state;
-  void (*free_state)(void *state);
+  void *next_state; /* made by the subscribing call, taken by the thread */
+  int delivering;
 };
 
-/* A run with no thread yet, or NULL (errno set). */
-struct pp_run *pp_run_new(void);
-/* Starts body(run) on a thread with every signal blocked. 0 or an errno value. */
-int pp_run_launch(struct pp_run *run, void *(*body)(void *));
-/* Frees a run whose thread never started. */
-void pp_run_free(struct pp_run *run);
-/* 0, or ENOSPC. */
-int pp_run_add(struct pp_run *run, void (*fn)(void), void *context, unsigned int mask);
-/* Copies the subscribers into subs; 0 once the run is stopping. */
-int pp_run_subs(struct pp_run *run, struct pp_sub *subs);
-/* True once the run is stopping. */
-int pp_run_stopping(struct pp_run *run);
-/* Waits up to ms milliseconds, or until stopped, or until extra_fd (when >= 0) is readable.
- * Returns 1 when stopped, 0 otherwise. */
-int pp_run_wait(struct pp_run *run, uint64_t ms, int extra_fd);
-/* Stops the run: no callback starts afterwards. From another thread it waits for the thread
- * (so for a callback in flight) and frees the run; from the run's own thread the run is freed
- * when its body returns. */
-void pp_run_finish(struct pp_run *run);
-/* Called by the body as it returns. */
-void pp_run_exit(struct pp_run *run);
+#define PP_RUN_INIT(body, free_state)                                                  \
+  {(body), (free_state), PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER,           \
+   PTHREAD_COND_INITIALIZER, 0, 0, -1, 0, {{0, 0, 0}}, 0, NULL, 0}
+
+/* Adds a subscriber. The first one of a session starts it: make_state(run, session, &err)
+ * makes its state (NULL with err set refuses the subscription), and the thread then runs
+ * body(run, state, session) until the session ends. 0, ENOSPC, or an errno value. */
+int pp_run_subscribe(struct pp_run *run, struct pp_sub sub,
+                     void *(*make_state)(struct pp_run *run, unsigned int session, int *err));
+/* Ends the session: no callback starts afterwards, and one in flight has ended when this
+ * returns, unless this is called from that callback. */
+void pp_run_unsubscribe(struct pp_run *run);
+/* True once `session` has ended. */
+int pp_run_ended(struct pp_run *run, unsigned int session);
+/* Copies the session's subscribers into subs (0 once it ended) and marks a delivery in
+ * flight; pp_run_delivered ends it. */
+int pp_run_subs(struct pp_run *run, unsigned int session, struct pp_sub *subs);
+void pp_run_delivered(struct pp_run *run);
+/* Waits up to ms milliseconds, or until the session ends, or until extra_fd (when >= 0) is
+ * readable. Returns 1 when it ended, 0 otherwise. */
+int pp_run_wait(struct pp_run *run, unsigned int session, uint64_t ms, int extra_fd);
 
 /* ---- Remembered process identities (table.c), owned by one thread. */
 

@@ -9,7 +9,7 @@
  * thread once it runs. */
 struct ev_state {
   struct pp_run *run;
-  int source; /* NUV_PROC_EVENTS_NETLINK or _PROC; read atomically by nuv_proc_event_source */
+  unsigned int session;
   int nl_fd;
   struct pp_table table;
   unsigned int generation;
@@ -27,9 +27,16 @@ struct forked {
  * image, as a /proc snapshot would see it; most children execute within microseconds. */
 #define FORK_GRACE_MS 500
 
-static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards g_run and g_choice */
-static struct pp_run *g_run;
+static void ev_body(struct pp_run *run, void *state, unsigned int session);
+static void free_state(void *p);
+static struct pp_run g_run = PP_RUN_INIT(ev_body, free_state);
+
+static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards g_choice */
 static int g_choice = -1; /* -1: not chosen yet, the environment decides */
+/* The subscribed session's source, 0 while nobody subscribes; atomic. */
+static int g_source;
+
+static int ended(const struct ev_state *st) { return pp_run_ended(st->run, st->session); }
 
 static int chosen_source(void) {
   if (g_choice < 0) {
@@ -47,12 +54,12 @@ static int chosen_source(void) {
 static void deliver(struct ev_state *st, int event, pid_t pid, const char *name,
                     const char *path) {
   struct pp_sub subs[PP_MAX_SUBS];
-  int n = pp_run_subs(st->run, subs);
-  for (int i = 0; i < n; i++) {
-    if (pp_run_stopping(st->run)) return;
+  int n = pp_run_subs(st->run, st->session, subs);
+  for (int i = 0; i < n && !ended(st); i++) {
     _process_mon_info info = {(uint32_t)pid, name, path};
     ((nuv_proc_notifier)subs[i].fn)(event, &info, subs[i].context);
   }
+  pp_run_delivered(st->run);
 }
 
 /* An entry whose identity was lost (it ended before we could read it) has no name and is
@@ -73,7 +80,7 @@ static void scan(struct ev_state *st, int events) {
   if (pp_list_pids(&pids, &n) != 0) return;
   unsigned int gen = ++st->generation;
   char name[PP_NAME_MAX], path[PP_PATH_MAX];
-  for (size_t i = 0; i < n && !pp_run_stopping(st->run); i++) {
+  for (size_t i = 0; i < n && !ended(st); i++) {
     struct pp_stat ps;
     if (pp_read_ident(pids[i], &ps, name, sizeof name, path, sizeof path) != 0) continue;
     struct pp_proc *e = pp_table_find(&st->table, pids[i]);
@@ -92,7 +99,7 @@ static void scan(struct ev_state *st, int events) {
     if (events) deliver(st, NUV_PROC_EVENT_START, e->pid, e->name, e->path);
   }
   free(pids);
-  if (!pp_run_stopping(st->run)) pp_table_sweep(&st->table, gen, events ? sweep_gone : NULL, st);
+  if (!ended(st)) pp_table_sweep(&st->table, gen, events ? sweep_gone : NULL, st);
 }
 
 static void remember_fork(struct ev_state *st, pid_t pid) {
@@ -113,7 +120,7 @@ static void remember_fork(struct ev_state *st, pid_t pid) {
 static uint64_t announce_forked(struct ev_state *st) {
   uint64_t now = pp_clock_ms(CLOCK_MONOTONIC);
   size_t done = 0;
-  for (; done < st->nforked && !pp_run_stopping(st->run); done++) {
+  for (; done < st->nforked && !ended(st); done++) {
     const struct forked *f = &st->forked[done];
     if (now - f->at_ms < FORK_GRACE_MS) break;
     struct pp_proc *e = pp_table_find(&st->table, f->pid);
@@ -131,7 +138,7 @@ static uint64_t announce_forked(struct ev_state *st) {
 
 static void on_netlink(const struct pp_nl_event *ev, void *arg) {
   struct ev_state *st = arg;
-  if (pp_run_stopping(st->run)) return;
+  if (ended(st)) return;
   char name[PP_NAME_MAX], path[PP_PATH_MAX];
   struct pp_stat ps;
   struct pp_proc *e;
@@ -180,29 +187,28 @@ static void on_netlink(const struct pp_nl_event *ev, void *arg) {
   }
 }
 
-static void *ev_body(void *arg) {
-  struct pp_run *run = arg;
-  struct ev_state *st = run->state;
+static void ev_body(struct pp_run *run, void *state, unsigned int session) {
+  struct ev_state *st = state;
   uint64_t next_fork_due = 60000;
-  while (!pp_run_stopping(run)) {
+  while (!pp_run_ended(run, session)) {
     if (st->nl_fd >= 0) {
-      if (pp_run_wait(run, next_fork_due, st->nl_fd)) break;
+      if (pp_run_wait(run, session, next_fork_due, st->nl_fd)) break;
       int drained = pp_nl_drain(st->nl_fd, on_netlink, st);
       next_fork_due = announce_forked(st);
       if (drained != 0) {
         /* The socket failed for good: carry on from /proc. */
         pp_nl_close(st->nl_fd);
         st->nl_fd = -1;
-        __atomic_store_n(&st->source, NUV_PROC_EVENTS_PROC, __ATOMIC_RELEASE);
+        int netlink = NUV_PROC_EVENTS_NETLINK;
+        __atomic_compare_exchange_n(&g_source, &netlink, NUV_PROC_EVENTS_PROC, 0,
+                                    __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
         scan(st, 1);
       }
     } else {
-      if (pp_run_wait(run, 1000, -1)) break;
+      if (pp_run_wait(run, session, 1000, -1)) break;
       scan(st, 1);
     }
   }
-  pp_run_exit(run);
-  return NULL;
 }
 
 static void free_state(void *p) {
@@ -214,64 +220,53 @@ static void free_state(void *p) {
   free(st);
 }
 
-/* With g_mu held. */
-static int start_run(void) {
-  struct pp_run *run = pp_run_new();
-  if (!run) return errno ? errno : ENOMEM;
+/* A session's source: the netlink connector unless /proc was chosen or it is refused, then
+ * a snapshot of /proc. */
+static void *make_state(struct pp_run *run, unsigned int session, int *err) {
   struct ev_state *st = calloc(1, sizeof *st);
   if (!st) {
-    pp_run_free(run);
-    return ENOMEM;
+    *err = ENOMEM;
+    return NULL;
   }
   st->run = run;
+  st->session = session;
   st->nl_fd = -1;
-  run->state = st;
-  run->free_state = free_state;
   int rc = pp_table_init(&st->table);
   if (rc != 0) {
-    pp_run_free(run);
-    return rc;
+    free(st);
+    *err = rc;
+    return NULL;
   }
+  pthread_mutex_lock(&g_mu);
   int choice = chosen_source();
-  st->source = NUV_PROC_EVENTS_PROC;
+  pthread_mutex_unlock(&g_mu);
+  int source = NUV_PROC_EVENTS_PROC;
   if (choice != NUV_PROC_EVENTS_PROC) {
     st->nl_fd = pp_nl_open();
     if (st->nl_fd >= 0) {
-      st->source = NUV_PROC_EVENTS_NETLINK;
+      source = NUV_PROC_EVENTS_NETLINK;
     } else if (choice == NUV_PROC_EVENTS_NETLINK) {
-      rc = errno ? errno : EPERM;
-      pp_run_free(run);
-      return rc;
+      *err = errno ? errno : EPERM;
+      free_state(st);
+      return NULL;
     }
   }
   /* After the socket is listening, so that a process is either in the snapshot or announced
    * by an event. */
   scan(st, 0);
-  rc = pp_run_launch(run, ev_body);
-  if (rc != 0) {
-    pp_run_free(run);
-    return rc;
-  }
-  g_run = run;
-  return 0;
+  __atomic_store_n(&g_source, source, __ATOMIC_RELEASE);
+  return st;
 }
 
 int nuv_proc_regsiter_notifier(nuv_proc_notifier callback, void *context) {
   if (!callback) return EINVAL;
-  pthread_mutex_lock(&g_mu);
-  int rc = g_run ? 0 : start_run();
-  if (rc == 0) rc = pp_run_add(g_run, (void (*)(void))callback, context, 0);
-  pthread_mutex_unlock(&g_mu);
-  return rc;
+  return pp_run_subscribe(&g_run, (struct pp_sub){(void (*)(void))callback, context, 0},
+                          make_state);
 }
 
 int nuv_proc_unregsiter_notifier(void) {
-  pthread_mutex_lock(&g_mu);
-  struct pp_run *run = g_run;
-  g_run = NULL;
-  pthread_mutex_unlock(&g_mu);
-  /* Outside the lock: a callback in flight may itself subscribe or query. */
-  if (run) pp_run_finish(run);
+  pp_run_unsubscribe(&g_run);
+  __atomic_store_n(&g_source, 0, __ATOMIC_RELEASE);
   return 0;
 }
 
@@ -285,10 +280,4 @@ int nuv_proc_set_event_source(int source) {
   return 0;
 }
 
-int nuv_proc_event_source(void) {
-  pthread_mutex_lock(&g_mu);
-  int source = 0;
-  if (g_run) source = __atomic_load_n(&((struct ev_state *)g_run->state)->source, __ATOMIC_ACQUIRE);
-  pthread_mutex_unlock(&g_mu);
-  return source;
-}
+int nuv_proc_event_source(void) { return __atomic_load_n(&g_source, __ATOMIC_ACQUIRE); }

@@ -4,7 +4,6 @@
 #include <libproc2/pids.h>
 #include <libproc2/stat.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -16,21 +15,9 @@
 static int g_monitor_type = NUV_PERF_MONITOR_ALL;
 static int g_frequency = 5;
 
-/* The sampler thread lives from the first subscription to the end of the process (the library
- * is never unloaded: it is linked nodelete) and rests while nobody subscribes: libproc2 keeps
- * per-thread buffers that a thread's end would leak, so there is one sampling thread, not one
- * per subscription. A subscription period is a session; a new session restarts the baseline. */
-static pthread_mutex_t g_mu = PTHREAD_MUTEX_INITIALIZER; /* guards everything below */
-static pthread_cond_t g_wake;                            /* to the sampler: a new session */
-static pthread_cond_t g_idle;                            /* from the sampler: delivery ended */
-static pthread_once_t g_once = PTHREAD_ONCE_INIT;
-static pthread_t g_thread;
-static int g_thread_started;
-static unsigned int g_session;
-static struct pp_sub g_subs[PP_MAX_SUBS];
-static int g_nsubs;
-static struct sm_state *g_next_state; /* made by the subscribing call, taken by the sampler */
-static int g_delivering;
+static void sm_body(struct pp_run *run, void *state, unsigned int session);
+static void free_state(void *p);
+static struct pp_run g_run = PP_RUN_INIT(sm_body, free_state);
 
 int nuv_config_data_source(int monitor_type, int frequency) {
   if (frequency <= 0 || monitor_type < 0) return EINVAL;
@@ -149,16 +136,12 @@ static void deliver(unsigned int session, int monitor_type, const _sys_info *sys
                            ((monitor_type & NUV_PERF_MONITOR_PROCESS) ? NUV_PERF_TYPE_PROCESS
                                                                       : 0);
   struct pp_sub subs[PP_MAX_SUBS];
-  pthread_mutex_lock(&g_mu);
-  int n = session == g_session ? g_nsubs : 0;
-  memcpy(subs, g_subs, (size_t)n * sizeof *subs);
-  g_delivering = n > 0;
-  pthread_mutex_unlock(&g_mu);
+  int n = pp_run_subs(&g_run, session, subs);
   for (int i = 0; i < n; i++) {
     unsigned int type = subs[i].mask & collected;
     if (!type) continue;
     /* A callback may end the session (unsubscribe from within): no further calls then. */
-    if (__atomic_load_n(&g_session, __ATOMIC_ACQUIRE) != session) break;
+    if (pp_run_ended(&g_run, session)) break;
     _perf_information info = {
         .sys_info = (type & NUV_PERF_TYPE_SYSTEM) ? sys : NULL,
         .reserved = NULL,
@@ -167,10 +150,7 @@ static void deliver(unsigned int session, int monitor_type, const _sys_info *sys
     };
     ((nuv_perf_notifier)subs[i].fn)(type, &info, subs[i].context);
   }
-  pthread_mutex_lock(&g_mu);
-  g_delivering = 0;
-  pthread_cond_broadcast(&g_idle);
-  pthread_mutex_unlock(&g_mu);
+  pp_run_delivered(&g_run);
 }
 
 /* Which items libproc2 reads follows the monitor type; 0, or -1 when they cannot be set. */
@@ -359,58 +339,27 @@ out:
   free(texts.buf);
 }
 
-/* Whether `session` still runs; with g_mu held. */
-static int session_on(unsigned int session) { return session == g_session; }
-
-static void *sm_body(void *arg) {
-  (void)arg;
-  pthread_mutex_lock(&g_mu);
+/* One session: a baseline, then a sample every period (the frequency is read anew for each,
+ * so a change applies from the next period on). */
+static void sm_body(struct pp_run *run, void *state, unsigned int session) {
+  struct sm_state *st = state;
+  sample(st, 0, session); /* the first notification comes one period later */
+  uint64_t last = pp_clock_ms(CLOCK_MONOTONIC);
   for (;;) {
-    if (!g_next_state) {
-      pthread_cond_wait(&g_wake, &g_mu);
+    uint64_t due = last + (uint64_t)__atomic_load_n(&g_frequency, __ATOMIC_RELAXED) * 1000u;
+    uint64_t now = pp_clock_ms(CLOCK_MONOTONIC);
+    if (now < due) {
+      if (pp_run_wait(run, session, due - now, -1)) return;
       continue;
     }
-    struct sm_state *st = g_next_state;
-    g_next_state = NULL;
-    unsigned int session = g_session;
-    pthread_mutex_unlock(&g_mu);
-    sample(st, 0, session); /* the baseline: the first notification comes one period later */
-    uint64_t last = pp_clock_ms(CLOCK_MONOTONIC);
-    pthread_mutex_lock(&g_mu);
-    while (session_on(session)) {
-      uint64_t due = last + (uint64_t)__atomic_load_n(&g_frequency, __ATOMIC_RELAXED) * 1000u;
-      uint64_t now = pp_clock_ms(CLOCK_MONOTONIC);
-      if (now < due) {
-        struct timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        uint64_t ns = (uint64_t)ts.tv_nsec + (due - now) % 1000u * 1000000u;
-        ts.tv_sec += (time_t)((due - now) / 1000u + ns / 1000000000u);
-        ts.tv_nsec = (long)(ns % 1000000000u);
-        pthread_cond_timedwait(&g_wake, &g_mu, &ts);
-        continue;
-      }
-      pthread_mutex_unlock(&g_mu);
-      last = now;
-      sample(st, 1, session);
-      pthread_mutex_lock(&g_mu);
-    }
-    pthread_mutex_unlock(&g_mu);
-    free_state(st);
-    pthread_mutex_lock(&g_mu);
+    last = now;
+    sample(st, 1, session);
   }
-  return NULL; /* not reached: the thread serves until the process ends */
 }
 
-static void init_conds(void) {
-  pthread_condattr_t ca;
-  pthread_condattr_init(&ca);
-  pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
-  pthread_cond_init(&g_wake, &ca);
-  pthread_condattr_destroy(&ca);
-  pthread_cond_init(&g_idle, NULL);
-}
-
-static struct sm_state *new_state(int *err) {
+static void *new_state(struct pp_run *run, unsigned int session, int *err) {
+  (void)run;
+  (void)session;
   struct sm_state *st = calloc(1, sizeof *st);
   if (!st) {
     *err = ENOMEM;
@@ -433,48 +382,12 @@ static struct sm_state *new_state(int *err) {
 int nuv_perf_regsiter_notifier(unsigned int mask, nuv_perf_notifier callback, void *context) {
   mask &= NUV_PERF_TYPE_SYSTEM | NUV_PERF_TYPE_PROCESS;
   if (!callback || !mask) return EINVAL;
-  pthread_once(&g_once, init_conds);
-  int rc = 0;
-  pthread_mutex_lock(&g_mu);
-  if (g_nsubs == PP_MAX_SUBS) {
-    rc = ENOSPC;
-  } else if (g_nsubs == 0) {
-    /* A new session. libproc2 is set up here so that its failure reaches the caller. */
-    struct sm_state *st = new_state(&rc);
-    if (st && !g_thread_started) {
-      /* The host's signals stay with the host. */
-      rc = nuv_pthread_create_masked(&g_thread, NULL, sm_body, NULL);
-      g_thread_started = rc == 0;
-    }
-    if (rc == 0) {
-      free_state(g_next_state);
-      g_next_state = st;
-      __atomic_store_n(&g_session, g_session + 1, __ATOMIC_RELEASE);
-      pthread_cond_broadcast(&g_wake);
-    } else {
-      free_state(st);
-    }
-  }
-  if (rc == 0) g_subs[g_nsubs++] = (struct pp_sub){(void (*)(void))callback, context, mask};
-  pthread_mutex_unlock(&g_mu);
-  return rc;
+  return pp_run_subscribe(&g_run, (struct pp_sub){(void (*)(void))callback, context, mask},
+                          new_state);
 }
 
 int nuv_perf_unregsiter_notifier(int monitor_type) {
   (void)monitor_type;
-  pthread_once(&g_once, init_conds);
-  pthread_mutex_lock(&g_mu);
-  if (g_nsubs > 0) {
-    g_nsubs = 0;
-    __atomic_store_n(&g_session, g_session + 1, __ATOMIC_RELEASE);
-    free_state(g_next_state);
-    g_next_state = NULL;
-    pthread_cond_broadcast(&g_wake);
-  }
-  /* A callback in flight ends before this returns, unless this is that callback. */
-  if (!g_thread_started || !pthread_equal(g_thread, pthread_self())) {
-    while (g_delivering) pthread_cond_wait(&g_idle, &g_mu);
-  }
-  pthread_mutex_unlock(&g_mu);
+  pp_run_unsubscribe(&g_run);
   return 0;
 }
