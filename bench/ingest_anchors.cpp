@@ -78,28 +78,36 @@ std::string Frame(const std::string& body) {
   return std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + body;
 }
 
-pid_t StartBareSocketServer(const std::string& path) {
+pid_t ForkServer(const std::function<bool()>& start, const std::function<void()>& stop) {
   pid_t pid = ::fork();
   if (pid != 0) return pid;
   sigset_t term;
   sigemptyset(&term);
   sigaddset(&term, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un sa = Address(path);
-  ::unlink(path.c_str());
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || ::listen(fd, SOMAXCONN) != 0)
-    _exit(1);
-  std::thread([fd] {
-    for (;;) {
-      int c = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-      if (c >= 0) std::thread(ServeBare, c).detach();
-    }
-  }).detach();
+  if (!start()) _exit(1);
   int sig = 0;
   sigwait(&term, &sig);
-  ::unlink(path.c_str());
+  stop();
   _exit(0);
+}
+
+pid_t StartBareSocketServer(const std::string& path) {
+  auto start = [path] {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa = Address(path);
+    ::unlink(path.c_str());
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || ::listen(fd, SOMAXCONN) != 0)
+      return false;
+    std::thread([fd] {
+      for (;;) {
+        int c = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (c >= 0) std::thread(ServeBare, c).detach();
+      }
+    }).detach();
+    return true;
+  };
+  return ForkServer(start, [path] { ::unlink(path.c_str()); });
 }
 
 int Connect(const std::string& path) {

@@ -5,9 +5,15 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
 namespace ingest {
+
+// Forks a server process: it runs `start` with SIGTERM blocked (threads it starts inherit
+// that), exits 1 if that fails, else waits for SIGTERM, runs `stop` and exits 0. The child's
+// pid, or -1.
+pid_t ForkServer(const std::function<bool()>& start, const std::function<void()>& stop);
 
 // The wire frame of `body`: its 4-byte little-endian length, then the bytes.
 std::string Frame(const std::string& body);

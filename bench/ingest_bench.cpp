@@ -4,7 +4,7 @@
 //      frames to a bare socket server (a thread per connection) through a raw client: the
 //      library's cost over the bus, and the bus's cost over a socket;
 //  (b) 4 posters sending ahead (window 64) into the daemon, with the project's client and
-//      with a raw one, beside syslog-ng taking 300-byte lines from loggen over 4 unix-stream
+//      with a raw one, and into the bare bus handler, beside syslog-ng taking 300-byte lines from loggen over 4 unix-stream
 //      connections into a file (bench/setup.sh installs it; left out when missing);
 //  (c) the records in the store after the daemon stops against the records acknowledged 0.
 // Prints one JSON line.
@@ -64,18 +64,12 @@ int BareHandler(comm_data*, comm_data*, void*) { return 0; }
 
 // A process that serves kBareTopic until SIGTERM.
 pid_t StartBareServer() {
-  pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  sigset_t term;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &term, nullptr);
-  if (nuv_comm_init() != 0 || nuv_comm_register(kBareTopic, BareHandler, nullptr) != 0) _exit(1);
-  int sig = 0;
-  sigwait(&term, &sig);
-  nuv_comm_unregister(kBareTopic);
-  nuv_comm_uninit();
-  _exit(0);
+  return ingest::ForkServer(
+      [] { return nuv_comm_init() == 0 && nuv_comm_register(kBareTopic, BareHandler, nullptr) == 0; },
+      [] {
+        nuv_comm_unregister(kBareTopic);
+        nuv_comm_uninit();
+      });
 }
 
 // What one poster does with its records: returns how many were answered 0, or -1.
@@ -285,6 +279,13 @@ int main(int argc, char** argv) {
                    kPipelinedPosters, records);
       },
       &acked, &failed);
+  double pipelinedBus = MedianRate(
+      repeat,
+      [&] {
+        return Run([&](int p, long n) { return PipelinedPoster(kBareTopic, window, p, n); },
+                   kPipelinedPosters, records);
+      },
+      nullptr, &bareFailed);
   double pipelinedRaw = MedianRate(
       repeat,
       [&] {
@@ -307,8 +308,9 @@ int main(int argc, char** argv) {
   }
   json_object_set_new(
       out, "pipelined",
-      json_pack("{s:i, s:i, s:f, s:f, s:f, s:f}", "posters", kPipelinedPosters, "window", window,
-                "daemon_per_s", pipelined, "daemon_raw_client_per_s", pipelinedRaw,
+      json_pack("{s:i, s:i, s:f, s:f, s:f, s:f, s:f}", "posters", kPipelinedPosters, "window",
+                window, "daemon_per_s", pipelined, "daemon_raw_client_per_s", pipelinedRaw,
+                "bus_bare_handler_per_s", pipelinedBus,
                 "syslog_ng_per_s", syslogRate, "daemon_vs_syslog_ng", Ratio(pipelined, syslogRate)));
 
   ::kill(daemon, SIGTERM);

@@ -14,6 +14,7 @@
 
 #include "nuv_comm.h"
 #include "testutil/bus_post.h"
+#include "testutil/serving_daemon.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -24,38 +25,20 @@ std::string Point(const std::string& name, int seq) {
   return nuvtest::TimingPoint("/usr/bin/" + name + ":1", "\"seq\":" + std::to_string(seq));
 }
 
-std::vector<std::string> LinesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
-    lines.push_back(text.substr(at, end - at));
-  return lines;
-}
-
 bool IsBusCode(int result) {
   const uint32_t r = static_cast<uint32_t>(result);
   return r >= uint32_t(NUV_COMM_E_NOTOPIC) && r <= uint32_t(NUV_COMM_E_UNTRUSTED);
 }
 
-class BpPipeline : public ::testing::Test {
+using nuvtest::LinesOf;
+
+class BpPipeline : public nuvtest::ServingDaemonTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(tree_.ok());
-    setenv("NUV_COMM_DIR", tree_.Sub("comm").c_str(), 1);
-    ASSERT_EQ(nuv_comm_init(), 0);
-    ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
-  }
-  void TearDown() override {
-    tree_.Stop();
-    nuv_comm_uninit();
-  }
   std::vector<std::string> StoredAfterStop(const std::string& name) {
-    EXPECT_EQ(tree_.Stop(), 0) << tree_.DaemonErr();
-    const nuvtest::RunResult cat = tree_.Nuvctl({"store", "cat", name, "0", "256"});
+    const nuvtest::RunResult cat = StopAndCat(name);
     EXPECT_EQ(cat.code, 0) << cat.err;
     return LinesOf(cat.out);
   }
-
-  nuvtest::DaemonTree tree_;
 };
 
 TEST_F(BpPipeline, NuvctlPostsEachLineInOrderAndNamesTheRefusedOnes) {

@@ -171,7 +171,9 @@ static int pump(struct pipe *p, unsigned int timeout) {
       r = pf.revents & (POLLIN | POLLHUP | POLLERR) ? recv_some(p, 0) : 0;
     } else {
       r = recv_some(p, 1);
-      if (r == 0 && nuv__comm_now_ms() >= deadline) return NUV_COMM_E_TIMEOUT;
+      /* Nothing whole came within the receive time-out (or a signal cut it short): wait out
+       * what is left of the deadline, not another full time-out. */
+      if (r == 0 && nuv__comm_wait_fd(p->fd, POLLIN, deadline) != 0) return failure(errno);
     }
     if (r < 0) return failure(errno);
     if (r > 0) deadline = nuv__comm_now_ms() + timeout;
