@@ -90,9 +90,9 @@ NUV_API int nuv_comm_unregister(const char *topic);
 NUV_API int nuv_comm_post(const char *topic, comm_data *data);
 
 /* Posts msgs[0..count) to `topic` in that order and stores each one's own result in
- * results[i]. Over a connection, up to `window` requests (0: 64) are in flight at once on one
- * connection (a pooled one, or a new one if the pooled one turns out closed before it took
- * anything), and replies are matched to requests by their order. A topic served by this
+ * results[i]. For a topic served by another process, up to `window` requests (0: 64) are in
+ * flight at once on one connection (a pooled one, or a new one if the pooled one turns out
+ * closed before it took anything), and replies are matched to requests by their order. A topic served by this
  * process has its handler called for each message in turn on the calling thread.
  * Results: the handler's result for every request it answered. A message over
  * NUV_COMM_MAX_MSG is not sent: NUV_COMM_E_TOOBIG, and the others go on. When the connection
