@@ -1,22 +1,33 @@
-// End-to-end ingest: K posting processes each post M valid 300-byte burying points to a running
-// nuv_maintd, and, in the same run, the same posts to a bare handler that only returns 0, so
-// the bus's own cost and the library's cost show side by side. Prints one JSON line.
+// End-to-end ingest, every figure from one run, each the median of --repeat runs:
+//  (a) K synchronous posting processes each post M valid 300-byte burying points to a running
+//      nuv_maintd, and the same posts to a bare bus handler that only returns 0, and the same
+//      frames to a bare socket server (a thread per connection) through a raw client: the
+//      library's cost over the bus, and the bus's cost over a socket;
+//  (b) 4 posters sending ahead (window 64) into the daemon, with the project's client and
+//      with a raw one, and into the bare bus handler, beside syslog-ng taking 300-byte lines from loggen over 4 unix-stream
+//      connections into a file (bench/setup.sh installs it; left out when missing);
+//  (c) the records in the store after the daemon stops against the records acknowledged 0.
+// Prints one JSON line.
 //
-//   build/bin/ingest_bench [--records M] [--posters 1,4,8]
+//   build/bin/ingest_bench [--records M] [--posters 1,4,8] [--repeat N] [--window W]
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <jansson.h>
+
+#include "ingest_anchors.h"
 #include "nuv_comm.h"
 #include "testutil/testutil.h"
 
@@ -24,6 +35,8 @@ namespace {
 
 const char kBareTopic[] = "bench:bare";
 const char kPostTopic[] = "maintenance:POST";
+constexpr int kPipelinedPosters = 4;
+constexpr int kStoreLimitMiB = 2000;  // the largest whole MiB a 32-bit byte count holds, nearly
 
 // A valid burying point of exactly `bytes` bytes, padded in its name.
 std::string BuryingPoint(size_t bytes, int poster) {
@@ -51,121 +64,270 @@ int BareHandler(comm_data*, comm_data*, void*) { return 0; }
 
 // A process that serves kBareTopic until SIGTERM.
 pid_t StartBareServer() {
-  pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  sigset_t term;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &term, nullptr);
-  if (nuv_comm_init() != 0 || nuv_comm_register(kBareTopic, BareHandler, nullptr) != 0) _exit(1);
-  int sig = 0;
-  sigwait(&term, &sig);
-  nuv_comm_unregister(kBareTopic);
-  nuv_comm_uninit();
-  _exit(0);
+  return ingest::ForkServer(
+      [] { return nuv_comm_init() == 0 && nuv_comm_register(kBareTopic, BareHandler, nullptr) == 0; },
+      [] {
+        nuv_comm_unregister(kBareTopic);
+        nuv_comm_uninit();
+      });
 }
 
-// Forks `posters` processes that wait on a pipe, then each post `records` points to `topic`.
-// Returns records per second over all of them, or -1; `failed` counts non-zero results.
-double Run(const char* topic, int posters, int records, long* failed) {
-  int gate[2];
-  int results[2];
-  if (::pipe(gate) != 0 || ::pipe(results) != 0) return -1;
+// What one poster does with its records: returns how many were answered 0, or -1.
+using PosterFn = std::function<long(int poster, long records)>;
+
+long SyncPoster(const char* topic, int poster, long records) {
+  nuv_comm_init();
+  std::string bp = BuryingPoint(300, poster);
+  comm_data* data = nuv_comm_new_data(bp.data(), static_cast<unsigned int>(bp.size()));
+  long zeros = 0;
+  for (long i = 0; i < records; ++i) zeros += nuv_comm_post(topic, data) == 0;
+  nuv_comm_delete_data(data);
+  return zeros;
+}
+
+long PipelinedPoster(const char* topic, unsigned int window, int poster, long records) {
+  nuv_comm_init();
+  std::string bp = BuryingPoint(300, poster);
+  comm_data* data = nuv_comm_new_data(bp.data(), static_cast<unsigned int>(bp.size()));
+  std::vector<comm_data*> msgs(static_cast<size_t>(records), data);
+  std::vector<int> results(msgs.size());
+  nuv_comm_post_many(topic, msgs.data(), static_cast<unsigned int>(msgs.size()), window,
+                     results.data());
+  nuv_comm_delete_data(data);
+  return std::count(results.begin(), results.end(), 0);
+}
+
+long RawPoster(const std::string& path, int window, int poster, long records) {
+  int fd = ingest::Connect(path);
+  if (fd < 0) return -1;
+  long zeros = ingest::RawPost(fd, ingest::Frame(BuryingPoint(300, poster)), records, window);
+  ::close(fd);
+  return zeros;
+}
+
+struct Outcome {
+  double rate = -1;  // records per second over all posters
+  long zeros = 0;    // answered 0
+  long failed = 0;   // not answered 0
+};
+
+// Forks `posters` processes that wait on a pipe, then each run `fn` on `records` records.
+Outcome Run(const PosterFn& fn, int posters, long records) {
+  Outcome o;
+  int gate[2], results[2];
+  if (::pipe(gate) != 0 || ::pipe(results) != 0) return o;
   std::vector<pid_t> kids;
   for (int p = 0; p < posters; ++p) {
     pid_t pid = ::fork();
     if (pid == 0) {
       ::close(gate[1]);
       ::close(results[0]);
-      nuv_comm_init();
-      std::string bp = BuryingPoint(300, p);
-      comm_data* data = nuv_comm_new_data(bp.data(), static_cast<unsigned int>(bp.size()));
       char go;
       if (::read(gate[0], &go, 1) < 0) _exit(1);
-      long bad = 0;
-      for (int i = 0; i < records; ++i) bad += nuv_comm_post(topic, data) != 0;
-      nuv_comm_delete_data(data);
-      ssize_t w = ::write(results[1], &bad, sizeof bad);
-      _exit(w == sizeof bad ? 0 : 1);
+      long zeros = fn(p, records);
+      ssize_t w = ::write(results[1], &zeros, sizeof zeros);
+      _exit(w == sizeof zeros ? 0 : 1);
     }
     kids.push_back(pid);
   }
   ::close(gate[0]);
   ::close(results[1]);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let every poster connect
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let every poster start
   auto start = std::chrono::steady_clock::now();
   ::close(gate[1]);
-  *failed = 0;
   for (int p = 0; p < posters; ++p) {
-    long bad = 0;
-    if (::read(results[0], &bad, sizeof bad) != sizeof bad) bad = records;
-    *failed += bad;
+    long zeros = -1;
+    if (::read(results[0], &zeros, sizeof zeros) != sizeof zeros) zeros = -1;
+    o.zeros += std::max(zeros, 0L);
+    o.failed += zeros < 0 ? records : records - zeros;
   }
-  double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   ::close(results[0]);
   for (pid_t k : kids) nuvtest::WaitExit(k);
-  return static_cast<double>(posters) * records / seconds;
+  o.rate = static_cast<double>(posters) * records / seconds;
+  return o;
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return -1;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+// Runs `measure` `repeat` times; the median rate, with every run's records answered 0 added
+// to `acked` and its failures to `failed`.
+double MedianRate(int repeat, const std::function<Outcome()>& measure, long* acked, long* failed) {
+  std::vector<double> rates;
+  for (int i = 0; i < repeat; ++i) {
+    Outcome o = measure();
+    rates.push_back(o.rate);
+    if (acked) *acked += o.zeros;
+    if (failed) *failed += o.failed;
+  }
+  return Median(rates);
+}
+
+double Ratio(double a, double b) { return a > 0 && b > 0 ? a / b : -1; }
+
+// The burying points of type 512 in the store, as `nuvctl store ls` counts them.
+long RecordsInStore(const nuvtest::TempDir& tree) {
+  nuvtest::RunResult ls = nuvtest::Run({tree.Sub("bin/nuvctl"), "store", "ls", "--type", "512",
+                                        "--json"},
+                                       {}, tree);
+  if (ls.code != 0) return -1;
+  long records = 0;
+  std::stringstream lines(ls.out);
+  for (std::string line; std::getline(lines, line);) {
+    json_t* row = json_loads(line.c_str(), 0, nullptr);
+    records += static_cast<long>(json_integer_value(json_object_get(row, "records")));
+    json_decref(row);
+  }
+  return records;
+}
+
+// The shipped configuration with room for every record of the run in one stream: a stream
+// that outgrows its size limit starts again empty, which would lose what (c) counts.
+bool WriteConfig(const std::string& path) {
+  json_t* root = json_load_file((nuvtest::BuildDir() + "/config/maintenance.json").c_str(), 0,
+                                nullptr);
+  json_t* clearn = json_object_get(json_object_get(root, "default"), "clearn");
+  bool ok = clearn != nullptr &&
+            json_object_set_new(clearn, "file_size", json_integer(kStoreLimitMiB)) == 0 &&
+            json_dump_file(root, path.c_str(), JSON_INDENT(2)) == 0;
+  json_decref(root);
+  return ok;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  int records = 20000;
+  long records = 20000;
+  int repeat = 3;
+  unsigned int window = 64;
   std::vector<int> posters = {1, 4, 8};
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--records" && i + 1 < argc) {
-      records = std::atoi(argv[++i]);
+      records = std::atol(argv[++i]);
+    } else if (arg == "--repeat" && i + 1 < argc) {
+      repeat = std::max(1, std::atoi(argv[++i]));
+    } else if (arg == "--window" && i + 1 < argc) {
+      window = static_cast<unsigned int>(std::max(1, std::atoi(argv[++i])));
     } else if (arg == "--posters" && i + 1 < argc) {
       posters.clear();
       std::stringstream list(argv[++i]);
       for (std::string n; std::getline(list, n, ',');) posters.push_back(std::atoi(n.c_str()));
     } else {
-      std::fprintf(stderr, "usage: ingest_bench [--records M] [--posters 1,4,8]\n");
+      std::fprintf(stderr,
+                   "usage: ingest_bench [--records M] [--posters 1,4,8] [--repeat N] "
+                   "[--window W]\n");
       return 2;
     }
   }
 
   nuvtest::TempDir tree;
-  if (!nuvtest::MakeInstallTree(tree, {"nuv_maintd"}) ||
-      !nuvtest::WriteFile(tree.Sub("config/maintenance.json"),
-                          nuvtest::ReadFile(nuvtest::BuildDir() + "/config/maintenance.json"))) {
+  if (!nuvtest::MakeInstallTree(tree, {"nuv_maintd", "nuvctl"}) ||
+      !WriteConfig(tree.Sub("config/maintenance.json"))) {
     std::fprintf(stderr, "ingest_bench: cannot lay out the daemon's tree\n");
     return 1;
   }
-  std::string bus = tree.Sub("bus");
+  const std::string bus = tree.Sub("bus");
+  const std::string socketPath = tree.Sub("bare.sock");
   ::setenv("NUV_COMM_DIR", bus.c_str(), 1);
   pid_t daemon = nuvtest::Spawn({tree.Sub("bin/nuv_maintd")},
                                 {"NUV_COMM_DIR=" + bus, "NUV_LOG_FILE=" + tree.Sub("maint.log"),
                                  "NUV_LOG_LEVEL=1"},
                                 "", tree.Sub("stdout"), tree.Sub("stderr"));
   pid_t bare = StartBareServer();
-  int rc = 0;
-  if (!WaitForSocket(bus + "/" + kPostTopic) || !WaitForSocket(bus + "/" + kBareTopic)) {
-    std::fprintf(stderr, "ingest_bench: the daemon or the bare server did not come up\n%s",
+  pid_t bareSocket = ingest::StartBareSocketServer(socketPath);
+  if (!WaitForSocket(bus + "/" + kPostTopic) || !WaitForSocket(bus + "/" + kBareTopic) ||
+      !WaitForSocket(socketPath)) {
+    std::fprintf(stderr, "ingest_bench: the daemon or a bare server did not come up\n%s",
                  nuvtest::ReadFile(tree.Sub("stderr")).c_str());
-    rc = 1;
-  } else {
-    std::string out = "{\"bench\":\"ingest\",\"record_bytes\":300,\"records_per_poster\":" +
-                      std::to_string(records) + ",\"runs\":[";
-    for (size_t i = 0; i < posters.size(); ++i) {
-      long daemon_failed = 0, bare_failed = 0;
-      double daemon_rate = Run(kPostTopic, posters[i], records, &daemon_failed);
-      double bare_rate = Run(kBareTopic, posters[i], records, &bare_failed);
-      char run[256];
-      std::snprintf(run, sizeof run,
-                    "%s{\"posters\":%d,\"daemon_records_per_s\":%.0f,\"daemon_failed\":%ld,"
-                    "\"bare_records_per_s\":%.0f,\"bare_failed\":%ld}",
-                    i ? "," : "", posters[i], daemon_rate, daemon_failed, bare_rate, bare_failed);
-      out += run;
-      if (daemon_failed || bare_failed) rc = 1;
-    }
-    std::printf("%s]}\n", out.c_str());
+    ::kill(daemon, SIGTERM);
+    ::kill(bare, SIGTERM);
+    ::kill(bareSocket, SIGTERM);
+    return 1;
   }
+  long acked = 0, failed = 0, bareFailed = 0;
+  json_t* out = json_pack("{s:s, s:i, s:I, s:i}", "bench", "ingest", "record_bytes", 300,
+                          "records_per_poster", static_cast<json_int_t>(records), "repeat", repeat);
+  json_t* sync = json_array();
+  for (int k : posters) {
+    double daemonRate = MedianRate(
+        repeat, [&] { return Run([](int p, long n) { return SyncPoster(kPostTopic, p, n); }, k, records); },
+        &acked, &failed);
+    double busRate = MedianRate(
+        repeat, [&] { return Run([](int p, long n) { return SyncPoster(kBareTopic, p, n); }, k, records); },
+        nullptr, &bareFailed);
+    double socketRate = MedianRate(
+        repeat,
+        [&] { return Run([&](int p, long n) { return RawPoster(socketPath, 1, p, n); }, k, records); },
+        nullptr, &bareFailed);
+    json_array_append_new(
+        sync, json_pack("{s:i, s:f, s:f, s:f, s:f, s:f}", "posters", k, "daemon_per_s", daemonRate,
+                        "bus_bare_handler_per_s", busRate, "bare_socket_per_s", socketRate,
+                        "daemon_vs_bus", Ratio(daemonRate, busRate), "bus_vs_socket",
+                        Ratio(busRate, socketRate)));
+  }
+  json_object_set_new(out, "sync", sync);
+
+  double pipelined = MedianRate(
+      repeat,
+      [&] {
+        return Run([&](int p, long n) { return PipelinedPoster(kPostTopic, window, p, n); },
+                   kPipelinedPosters, records);
+      },
+      &acked, &failed);
+  double pipelinedBus = MedianRate(
+      repeat,
+      [&] {
+        return Run([&](int p, long n) { return PipelinedPoster(kBareTopic, window, p, n); },
+                   kPipelinedPosters, records);
+      },
+      nullptr, &bareFailed);
+  double pipelinedRaw = MedianRate(
+      repeat,
+      [&] {
+        return Run([&](int p, long n) {
+          return RawPoster(bus + "/" + kPostTopic, static_cast<int>(window), p, n);
+        }, kPipelinedPosters, records);
+      },
+      &acked, &failed);
+  double syslogRate = -1;
+  if (!ingest::HaveSyslogNg()) {
+    std::fprintf(stderr, "syslog-ng or loggen not found: run bench/setup.sh for the comparison\n");
+  } else {
+    nuvtest::TempDir slDir;
+    ingest::SyslogNg syslog(slDir.path());
+    if (syslog.ok()) {
+      syslogRate = MedianRate(
+          repeat, [&] { return Outcome{syslog.Ingest(kPipelinedPosters, records), 0, 0}; },
+          nullptr, nullptr);
+    }
+  }
+  json_object_set_new(
+      out, "pipelined",
+      json_pack("{s:i, s:i, s:f, s:f, s:f, s:f, s:f}", "posters", kPipelinedPosters, "window",
+                window, "daemon_per_s", pipelined, "daemon_raw_client_per_s", pipelinedRaw,
+                "bus_bare_handler_per_s", pipelinedBus,
+                "syslog_ng_per_s", syslogRate, "daemon_vs_syslog_ng", Ratio(pipelined, syslogRate)));
+
   ::kill(daemon, SIGTERM);
+  int daemonExit = nuvtest::WaitExit(daemon);
+  long onDisk = RecordsInStore(tree);
+  json_object_set_new(out, "disk",
+                      json_pack("{s:I, s:I, s:I, s:b, s:i}", "acked_0", static_cast<json_int_t>(acked),
+                                "not_acked_0", static_cast<json_int_t>(failed), "on_disk",
+                                static_cast<json_int_t>(onDisk), "equal", onDisk == acked,
+                                "daemon_exit", daemonExit));
+  char* text = json_dumps(out, JSON_COMPACT | JSON_REAL_PRECISION(6));
+  std::printf("%s\n", text);
+  std::free(text);
+  json_decref(out);
   ::kill(bare, SIGTERM);
-  nuvtest::WaitExit(daemon);
+  ::kill(bareSocket, SIGTERM);
   nuvtest::WaitExit(bare);
-  return rc;
+  nuvtest::WaitExit(bareSocket);
+  return onDisk == acked && failed == 0 && bareFailed == 0 && daemonExit == 0 ? 0 : 1;
 }

@@ -18,6 +18,7 @@
 
 #include "nuv_comm.h"
 #include "testutil/bus_post.h"
+#include "testutil/serving_daemon.h"
 #include "testutil/testutil.h"
 
 namespace {
@@ -33,26 +34,7 @@ std::string Point(const std::string& focus, const std::string& agentId = "\"a-1\
 
 int Post(const std::string& text) { return nuvtest::PostOnBus(kTopic, text); }
 
-class BpEndToEnd : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(tree_.ok());
-    setenv("NUV_COMM_DIR", tree_.Sub("comm").c_str(), 1);
-    ASSERT_EQ(nuv_comm_init(), 0);
-    ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
-  }
-  void TearDown() override {
-    tree_.Stop();
-    nuv_comm_uninit();
-  }
-  // The stream as nuvctl reads it once the daemon has stopped.
-  nuvtest::RunResult StopAndCat(const std::string& name) {
-    EXPECT_EQ(tree_.Stop(), 0) << tree_.DaemonErr();
-    return tree_.Nuvctl({"store", "cat", name, "0", "256"});
-  }
-
-  nuvtest::DaemonTree tree_;
-};
+class BpEndToEnd : public nuvtest::ServingDaemonTest {};
 
 TEST_F(BpEndToEnd, PointsFromOtherProcessesAreStoredAsPosted) {
   const std::string direct = Point("/usr/bin/e2eagent:4321");
@@ -148,12 +130,7 @@ TEST_F(BpEndToEnd, ConcurrentPostersLoseNothing) {
   EXPECT_EQ(sortedLines(stored.out), sortedLines(all));
 }
 
-std::vector<std::string> LinesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
-    lines.push_back(text.substr(at, end - at));
-  return lines;
-}
+using nuvtest::LinesOf;
 
 TEST_F(BpEndToEnd, AKilledDaemonHasStoredEveryRecordItAcknowledged) {
   constexpr int kThreads = 4;

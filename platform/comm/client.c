@@ -1,5 +1,6 @@
 /* The posting side: a pool of idle connections per topic and one request/reply exchange. */
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,7 +15,7 @@
 struct pool_entry {
   struct pool_entry *next;
   int n;
-  int fds[POOL_IDLE_MAX];
+  struct nuv__cconn conns[POOL_IDLE_MAX];
   char topic[NUV_COMM_TOPIC_MAX + 1];
 };
 
@@ -23,32 +24,30 @@ static struct pool_entry *p_head;
 /* Bumped by a clear: connections taken before it are not given back. */
 static unsigned int p_gen;
 
-/* 1 when the server closed `fd` (idle time-out, a full topic, a restart): it is readable with
- * nothing owed to us, so only the end of the stream (or an error) can be waiting there. */
-static int closed_by_server(int fd) {
-  struct pollfd p = {.fd = fd, .events = POLLIN};
-  return poll(&p, 1, 0) != 0;
-}
-
-static int pool_take(const char *topic, unsigned int *gen) {
-  for (;;) {
-    int fd = -1;
-    pthread_mutex_lock(&p_mu);
-    *gen = p_gen;
-    for (struct pool_entry *e = p_head; e; e = e->next) {
-      if (strcmp(e->topic, topic) != 0) continue;
-      if (e->n > 0) fd = e->fds[--e->n];
-      break;
-    }
-    pthread_mutex_unlock(&p_mu);
-    if (fd < 0 || !closed_by_server(fd)) return fd;
-    close(fd); /* dropped by the server while pooled: try the next one, or connect anew */
-  }
-}
-
-static void pool_give(const char *topic, int fd, unsigned int gen) {
+/* A pooled connection the server closed meanwhile (idle time-out, a full topic, a restart)
+ * is not checked for here: the next send on it fails before anything is delivered, and the
+ * poster reconnects. */
+static int pool_take(const char *topic, struct nuv__cconn *out) {
+  int found = 0;
   pthread_mutex_lock(&p_mu);
-  if (gen == p_gen) {
+  out->gen = p_gen;
+  for (struct pool_entry *e = p_head; e; e = e->next) {
+    if (strcmp(e->topic, topic) != 0) continue;
+    if (e->n > 0) {
+      unsigned int gen = out->gen;
+      *out = e->conns[--e->n];
+      out->gen = gen;
+      found = 1;
+    }
+    break;
+  }
+  pthread_mutex_unlock(&p_mu);
+  return found;
+}
+
+void nuv__client_give(const char *topic, struct nuv__cconn *c) {
+  pthread_mutex_lock(&p_mu);
+  if (c->gen == p_gen) {
     struct pool_entry *e = p_head;
     while (e && strcmp(e->topic, topic) != 0) e = e->next;
     if (!e && (e = calloc(1, sizeof *e)) != NULL) {
@@ -57,12 +56,17 @@ static void pool_give(const char *topic, int fd, unsigned int gen) {
       p_head = e;
     }
     if (e && e->n < POOL_IDLE_MAX) {
-      e->fds[e->n++] = fd;
-      fd = -1;
+      e->conns[e->n++] = *c;
+      c->fd = -1;
     }
   }
   pthread_mutex_unlock(&p_mu);
-  if (fd >= 0) close(fd);
+  nuv__client_close(c);
+}
+
+void nuv__client_close(struct nuv__cconn *c) {
+  if (c->fd >= 0) close(c->fd);
+  c->fd = -1;
 }
 
 void nuv__client_pool_clear(void) {
@@ -73,7 +77,7 @@ void nuv__client_pool_clear(void) {
   pthread_mutex_unlock(&p_mu);
   while (e) {
     struct pool_entry *next = e->next;
-    for (int i = 0; i < e->n; ++i) close(e->fds[i]);
+    for (int i = 0; i < e->n; ++i) close(e->conns[i].fd);
     free(e);
     e = next;
   }
@@ -88,6 +92,7 @@ int nuv__comm_trusted_server(int fd) {
 
 /* Connects to the topic's socket by `deadline`. 0 with *out set, or a bus code. */
 static int open_conn(const char *dir, const char *topic, int64_t deadline, int *out) {
+  /* Non-blocking while connecting, so a full backlog does not hold us past the deadline. */
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return NUV_COMM_E_SYSTEM;
   for (;;) {
@@ -96,6 +101,13 @@ static int open_conn(const char *dir, const char *topic, int64_t deadline, int *
       if (nuv__comm_trusted_server(fd) != 0) {
         close(fd);
         return NUV_COMM_E_UNTRUSTED;
+      }
+      /* Blocking afterwards: a reply that is not there yet is waited for in the read itself,
+       * bounded by the receive time-out; sends stay non-blocking through MSG_DONTWAIT. */
+      int flags = fcntl(fd, F_GETFL);
+      if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        close(fd);
+        return NUV_COMM_E_SYSTEM;
       }
       *out = fd;
       return 0;
@@ -111,6 +123,25 @@ static int open_conn(const char *dir, const char *topic, int64_t deadline, int *
     if (err == ENOENT || err == ECONNREFUSED || err == ENOTDIR) return NUV_COMM_E_NOTOPIC;
     return NUV_COMM_E_SYSTEM;
   }
+}
+
+int nuv__client_take(const char *dir, const char *topic, int64_t deadline, struct nuv__cconn *c,
+                     int *pooled) {
+  *pooled = pool_take(topic, c);
+  return *pooled ? 0 : nuv__client_open(dir, topic, deadline, c);
+}
+
+int nuv__client_open(const char *dir, const char *topic, int64_t deadline,
+                     struct nuv__cconn *c) {
+  c->rcv_ms = 0;
+  return open_conn(dir, topic, deadline, &c->fd);
+}
+
+int nuv__client_rcvtimeo(struct nuv__cconn *c, unsigned int ms) {
+  if (c->rcv_ms == ms) return 0;
+  if (nuv__comm_set_rcvtimeo(c->fd, ms) != 0) return -1;
+  c->rcv_ms = ms;
+  return 0;
 }
 
 enum {
@@ -134,12 +165,14 @@ static int read_reply(int fd, unsigned int max_msg, int64_t deadline, int *resul
   return XCH_OK;
 }
 
-static int exchange(int fd, const comm_data *d, unsigned int max_msg, unsigned int timeout,
-                    int *result) {
+static int exchange(struct nuv__cconn *c, const comm_data *d, unsigned int max_msg,
+                    unsigned int timeout, int *result) {
+  int fd = c->fd;
   unsigned char hdr[4];
   nuv__comm_put_le32(hdr, d->length);
   struct iovec iov[2] = {{.iov_base = hdr, .iov_len = sizeof hdr},
                          {.iov_base = d->bytes, .iov_len = d->length}};
+  if (nuv__client_rcvtimeo(c, timeout) != 0) return XCH_GONE;
   if (nuv__comm_send_all(fd, iov, 2, nuv__comm_now_ms() + timeout) != 0) {
     if (errno != EPIPE && errno != ECONNRESET) return io_failure();
     /* A server that refuses a frame answers before it closes: the answer may be waiting. */
@@ -152,22 +185,22 @@ static int exchange(int fd, const comm_data *d, unsigned int max_msg, unsigned i
 int nuv__client_post(const char *dir, const char *topic, const comm_data *data,
                      unsigned int max_msg) {
   unsigned int timeout = nuv__comm_timeout_ms();
-  unsigned int gen;
-  int fd = pool_take(topic, &gen);
+  struct nuv__cconn c = {.fd = -1};
+  int pooled = pool_take(topic, &c);
   for (int attempt = 0;; ++attempt) {
-    if (fd < 0) {
-      int rc = open_conn(dir, topic, nuv__comm_now_ms() + timeout, &fd);
+    if (!pooled) {
+      int rc = nuv__client_open(dir, topic, nuv__comm_now_ms() + timeout, &c);
       if (rc != 0) return rc;
     }
+    pooled = 0;
     int result = 0;
-    int x = exchange(fd, data, max_msg, timeout, &result);
+    int x = exchange(&c, data, max_msg, timeout, &result);
     /* A refused frame makes the server close the connection. */
     if (x == XCH_OK && result != NUV_COMM_E_TOOBIG) {
-      pool_give(topic, fd, gen);
+      nuv__client_give(topic, &c);
       return result;
     }
-    close(fd);
-    fd = -1;
+    nuv__client_close(&c);
     switch (x) {
       case XCH_OK:
       case XCH_CLOSE:

@@ -262,38 +262,93 @@ int nuv_comm_served_here(const char *topic) {
   return here;
 }
 
-int nuv_comm_post(const char *topic, comm_data *data) {
-  if (!valid_topic(topic) || !data || !data->bytes) return NUV_COMM_E_INVAL;
+int nuv__comm_first_failure(const int *results, unsigned int count) {
+  for (unsigned int i = 0; i < count; ++i) {
+    uint32_t r = (uint32_t)results[i];
+    if (r >= (uint32_t)NUV_COMM_E_NOTOPIC && r <= (uint32_t)NUV_COMM_E_UNTRUSTED) return results[i];
+  }
+  return 0;
+}
+
+/* Takes a reference on `topic` when this process serves it (*t set), else copies the socket
+ * directory into `dir`. 0, or NUV_COMM_E_NOINIT. */
+static int route(const char *topic, struct nuv__topic **t, char *dir, unsigned int *max_msg) {
   pthread_mutex_lock(&g_mu);
   if (g_users == 0) {
     pthread_mutex_unlock(&g_mu);
     return NUV_COMM_E_NOINIT;
   }
-  unsigned int max_msg = g_cfg.max_msg;
+  *max_msg = g_cfg.max_msg;
+  *t = find(topic, 1);
+  if (*t) {
+    pthread_mutex_lock(&(*t)->mu);
+    (*t)->refs++;
+    pthread_mutex_unlock(&(*t)->mu);
+  } else {
+    memcpy(dir, g_cfg.dir, strlen(g_cfg.dir) + 1);
+  }
+  pthread_mutex_unlock(&g_mu);
+  return 0;
+}
+
+/* A post to a topic of this process, on the calling thread. */
+static int call_here(struct nuv__topic *t, comm_data *data) {
+  unsigned char nul = 0;
+  comm_data none = {.bytes = &nul, .length = 0};
+  return nuv__topic_call(t, data, &none);
+}
+
+int nuv_comm_post(const char *topic, comm_data *data) {
+  if (!valid_topic(topic) || !data || !data->bytes) return NUV_COMM_E_INVAL;
+  struct nuv__topic *t;
+  char dir[sizeof g_cfg.dir];
+  unsigned int max_msg;
+  int rc = route(topic, &t, dir, &max_msg);
+  if (rc != 0) return rc;
   if (data->length > max_msg) {
-    pthread_mutex_unlock(&g_mu);
+    if (t) nuv__topic_unref(t);
     return NUV_COMM_E_TOOBIG;
   }
-  struct nuv__topic *t = find(topic, 1);
   if (t) {
-    pthread_mutex_lock(&t->mu);
-    t->refs++;
-    pthread_mutex_unlock(&t->mu);
-    pthread_mutex_unlock(&g_mu);
-    unsigned char nul = 0;
-    comm_data none = {.bytes = &nul, .length = 0};
     int result;
-    pthread_cleanup_push(unref_cb, t);
-    result = nuv__topic_call(t, data, &none);
+    pthread_cleanup_push(unref_cb, t); /* a host thread cancelled in the handler */
+    result = call_here(t, data);
     pthread_cleanup_pop(1);
     return result;
   }
-  char dir[sizeof g_cfg.dir];
-  memcpy(dir, g_cfg.dir, strlen(g_cfg.dir) + 1);
-  pthread_mutex_unlock(&g_mu);
   if (!dir[0]) {
     errno = ENAMETOOLONG;
     return NUV_COMM_E_SYSTEM;
   }
   return nuv__client_post(dir, topic, data, max_msg);
+}
+
+int nuv_comm_post_many(const char *topic, comm_data *const *msgs, unsigned int count,
+                       unsigned int window, int *results) {
+  if (count > 0 && !results) return NUV_COMM_E_INVAL;
+  int rc = valid_topic(topic) && (count == 0 || msgs) ? 0 : NUV_COMM_E_INVAL;
+  for (unsigned int i = 0; rc == 0 && i < count; ++i) {
+    if (!msgs[i] || !msgs[i]->bytes) rc = NUV_COMM_E_INVAL;
+  }
+  struct nuv__topic *t = NULL;
+  char dir[sizeof g_cfg.dir];
+  unsigned int max_msg = 0;
+  if (rc == 0 && count > 0) rc = route(topic, &t, dir, &max_msg);
+  if (rc == 0 && !t && !dir[0] && count > 0) {
+    errno = ENAMETOOLONG;
+    rc = NUV_COMM_E_SYSTEM;
+  }
+  if (rc != 0) {
+    for (unsigned int i = 0; i < count; ++i) results[i] = rc;
+    return rc;
+  }
+  if (count == 0) return 0;
+  if (!t) return nuv__client_post_many(dir, topic, msgs, count, window ? window : 64, results,
+                                       max_msg);
+  pthread_cleanup_push(unref_cb, t);
+  for (unsigned int i = 0; i < count; ++i) {
+    results[i] = msgs[i]->length > max_msg ? NUV_COMM_E_TOOBIG : call_here(t, msgs[i]);
+  }
+  pthread_cleanup_pop(1);
+  return nuv__comm_first_failure(results, count);
 }

@@ -5,6 +5,8 @@
  *                                           dies), then prints "count <n>"
  *   comm_peer post <topic> <n> <prefix>     posts "<prefix>-<i>" n times; exit 0 when every
  *                                           result is the served hash of its message
+ *   comm_peer post <topic> <n> <prefix> <window>
+ *                                           the same, sent ahead with nuv_comm_post_many
  *
  * Served results: "ret:<number>" returns that number; "block" prints "busy" and never returns;
  * anything else returns the 32-bit FNV-1a hash of the bytes. */
@@ -62,27 +64,42 @@ static int serve(const char *topic) {
   return rc == 0 ? 0 : 1;
 }
 
-static int post(const char *topic, long n, const char *prefix) {
+/* window 0: one synchronous post per message. */
+static int post(const char *topic, long n, const char *prefix, unsigned int window) {
   nuv_comm_init();
-  int bad = 0;
+  comm_data **msgs = calloc((size_t)n + 1, sizeof *msgs);
+  int *results = calloc((size_t)n + 1, sizeof *results);
+  if (!msgs || !results) return 1;
   for (long i = 0; i < n; ++i) {
     char msg[256];
     int len = snprintf(msg, sizeof msg, "%s-%ld", prefix, i);
-    comm_data *d = nuv_comm_new_data(msg, (unsigned int)len);
-    int r = d ? nuv_comm_post(topic, d) : -1;
-    nuv_comm_delete_data(d);
-    if ((uint32_t)r != fnv1a((unsigned char *)msg, (unsigned int)len)) {
-      fprintf(stderr, "%s: result %#x\n", msg, (unsigned int)r);
+    msgs[i] = nuv_comm_new_data(msg, (unsigned int)len);
+    if (!msgs[i]) return 1;
+    if (window == 0) results[i] = nuv_comm_post(topic, msgs[i]);
+  }
+  if (window > 0) nuv_comm_post_many(topic, msgs, (unsigned int)n, window, results);
+  int bad = 0;
+  for (long i = 0; i < n; ++i) {
+    void *p;
+    unsigned int len;
+    nuv_comm_get_data(msgs[i], &p, &len);
+    if ((uint32_t)results[i] != fnv1a(p, len)) {
+      fprintf(stderr, "%s: result %#x\n", (char *)p, (unsigned int)results[i]);
       ++bad;
     }
+    nuv_comm_delete_data(msgs[i]);
   }
+  free(msgs);
+  free(results);
   nuv_comm_uninit();
   return bad ? 1 : 0;
 }
 
 int main(int argc, char **argv) {
   if (argc == 3 && strcmp(argv[1], "serve") == 0) return serve(argv[2]);
-  if (argc == 5 && strcmp(argv[1], "post") == 0) return post(argv[2], atol(argv[3]), argv[4]);
-  fprintf(stderr, "usage: comm_peer serve <topic> | post <topic> <n> <prefix>\n");
+  if ((argc == 5 || argc == 6) && strcmp(argv[1], "post") == 0) {
+    return post(argv[2], atol(argv[3]), argv[4], argc == 6 ? (unsigned int)atoi(argv[5]) : 0);
+  }
+  fprintf(stderr, "usage: comm_peer serve <topic> | post <topic> <n> <prefix> [<window>]\n");
   return 2;
 }

@@ -1,10 +1,12 @@
 /* Socket I/O with an overall deadline, used for both halves of a frame exchange. The sockets
  * may be blocking: every call passes MSG_DONTWAIT and waits in poll(), so no call can block
- * past the deadline. */
+ * past the deadline; the one exception is a first read that the caller bounded with
+ * SO_RCVTIMEO. */
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <time.h>
 
 #include "internal.h"
@@ -15,8 +17,7 @@ int64_t nuv__comm_now_ms(void) {
   return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
-/* Waits until `fd` is ready for `events`. 0, or -1 with errno ETIMEDOUT (or poll's error). */
-static int wait_fd(int fd, short events, int64_t deadline_ms) {
+int nuv__comm_wait_fd(int fd, short events, int64_t deadline_ms) {
   for (;;) {
     int timeout = -1;
     if (deadline_ms >= 0) {
@@ -45,7 +46,7 @@ int nuv__comm_send_all(int fd, struct iovec *iov, int n, int64_t deadline_ms) {
     if (sent < 0) {
       if (errno == EINTR) continue;
       if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-      if (wait_fd(fd, POLLOUT, deadline_ms) != 0) return -1;
+      if (nuv__comm_wait_fd(fd, POLLOUT, deadline_ms) != 0) return -1;
       continue;
     }
     size_t left = (size_t)sent;
@@ -62,11 +63,12 @@ int nuv__comm_send_all(int fd, struct iovec *iov, int n, int64_t deadline_ms) {
   return 0;
 }
 
-int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int wait_first) {
+int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int block_first) {
   char *p = buf;
-  if (wait_first && len > 0 && wait_fd(fd, POLLIN, deadline_ms) != 0) return -1;
+  int flags = block_first ? 0 : MSG_DONTWAIT;
   while (len > 0) {
-    ssize_t got = recv(fd, p, len, MSG_DONTWAIT);
+    ssize_t got = recv(fd, p, len, flags);
+    flags = MSG_DONTWAIT;
     if (got > 0) {
       p += got;
       len -= (size_t)got;
@@ -78,9 +80,14 @@ int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int w
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (wait_fd(fd, POLLIN, deadline_ms) != 0) return -1;
+    if (nuv__comm_wait_fd(fd, POLLIN, deadline_ms) != 0) return -1;
   }
   return 0;
+}
+
+int nuv__comm_set_rcvtimeo(int fd, unsigned int ms) {
+  struct timeval tv = {.tv_sec = (time_t)(ms / 1000), .tv_usec = (suseconds_t)(ms % 1000) * 1000};
+  return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
 int nuv__comm_skip(int fd, size_t len, int64_t deadline_ms) {

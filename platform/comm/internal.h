@@ -25,9 +25,18 @@ int64_t nuv__comm_now_ms(void);
  * Returns 0, or -1 with errno (ETIMEDOUT, EPIPE, ECONNRESET, ...). Never raises SIGPIPE. */
 int nuv__comm_send_all(int fd, struct iovec *iov, int n, int64_t deadline_ms);
 
-/* Receives exactly `len` bytes. `wait_first` polls before the first read (for callers who
- * know nothing is there yet). A peer that closes early gives -1 with errno ECONNRESET. */
-int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int wait_first);
+/* Waits until `fd` is ready for `events` or `deadline_ms` passes. 0, or -1 with errno
+ * ETIMEDOUT (or poll's error). */
+int nuv__comm_wait_fd(int fd, short events, int64_t deadline_ms);
+
+/* Receives exactly `len` bytes. `block_first` lets the first read block, for a blocking
+ * socket whose receive time-out (SO_RCVTIMEO) ends no later than the deadline: a reply that
+ * is not there yet then costs one call instead of a poll and a read. Every other read is
+ * non-blocking and waits in poll. A peer that closes early gives -1 with errno ECONNRESET. */
+int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int block_first);
+
+/* Sets the receive time-out of `fd` to `ms`. 0, or -1 with errno. */
+int nuv__comm_set_rcvtimeo(int fd, unsigned int ms);
 
 /* Reads and drops `len` bytes through a bounded buffer. Same results as recv_all. */
 int nuv__comm_skip(int fd, size_t len, int64_t deadline_ms);
@@ -51,6 +60,9 @@ struct nuv__comm_cfg {
   unsigned int max_conn;
   unsigned int idle_ms;
 };
+
+/* The first of `results` that is a bus code rather than a handler's result, or 0. */
+int nuv__comm_first_failure(const int *results, unsigned int count);
 
 /* The current time-out in milliseconds (override, else configured). */
 unsigned int nuv__comm_timeout_ms(void);
@@ -94,10 +106,27 @@ int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply);
  * code. On failure nothing is left open. */
 int nuv__server_start(struct nuv__topic *t);
 
-/* Serves the requests of one connection on `fd` until the peer goes, breaks the protocol, is
- * too slow within a frame, or stays idle longer than t->idle_ms. `c` (may be NULL) is the
- * connection's record, whose idle mark lets a full topic drop it first. */
-struct nuv__conn;
+/* A served connection. */
+struct nuv__conn {
+  int fd;
+  struct nuv__topic *t;
+  struct nuv__conn *prev, *next;
+  /* Atomic: monotonic ms since it waits for a request, 0 while busy, NUV__CONN_EVICTED once
+   * evicted. The serving thread and an eviction each claim the connection with a
+   * compare-and-swap, so a request is either served in full or dropped before its handler
+   * runs, never both. */
+  int64_t idle_since;
+  int evicted; /* guarded by t->mu */
+};
+#define NUV__CONN_EVICTED ((int64_t)-1)
+
+/* ---- serve.c ---- */
+
+/* Serves the requests of one connection on `fd` (a blocking socket) until the peer goes,
+ * breaks the protocol, is too slow within a frame, or stays idle longer than t->idle_ms.
+ * Every frame already received is handled, in order, before the replies go out together.
+ * `c` (may be NULL) is the connection's record, whose idle mark lets a full topic drop it
+ * first. */
 void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd);
 
 /* Stops the listener, removes the socket file if it is still ours and shuts the read side of
@@ -110,6 +139,32 @@ int nuv__comm_thread(pthread_t *tid, void *(*fn)(void *), void *arg, int detache
 
 /* ---- client.c ---- */
 
+/* A posting connection: blocking, so a read waits for its reply in one call bounded by the
+ * receive time-out `rcv_ms` (0: not set yet); sends pass MSG_DONTWAIT. `gen` is the pool's
+ * generation when it was taken. */
+struct nuv__cconn {
+  int fd;
+  unsigned int rcv_ms;
+  unsigned int gen;
+};
+
+/* An idle pooled connection to `topic` (*pooled = 1), else a new one made by `deadline`
+ * (*pooled = 0). 0, or a bus code. */
+int nuv__client_take(const char *dir, const char *topic, int64_t deadline, struct nuv__cconn *c,
+                     int *pooled);
+
+/* A new connection to `topic`, made by `deadline`; keeps c->gen. 0, or a bus code. */
+int nuv__client_open(const char *dir, const char *topic, int64_t deadline,
+                     struct nuv__cconn *c);
+
+/* Sets the receive time-out when it differs from the one in force. 0, or -1 with errno. */
+int nuv__client_rcvtimeo(struct nuv__cconn *c, unsigned int ms);
+
+/* Gives a connection whose exchanges are all complete back to the pool, or closes it. */
+void nuv__client_give(const char *topic, struct nuv__cconn *c);
+
+void nuv__client_close(struct nuv__cconn *c);
+
 /* Sends `data` to the server of `topic` in `dir` and returns the result or a bus code. */
 int nuv__client_post(const char *dir, const char *topic, const comm_data *data,
                      unsigned int max_msg);
@@ -120,5 +175,12 @@ int nuv__comm_trusted_server(int fd);
 
 /* Closes every pooled connection; connections in use are closed when given back. */
 void nuv__client_pool_clear(void);
+
+/* ---- pipeline.c ---- */
+
+/* nuv_comm_post_many for a topic served by another process; the arguments are checked. */
+int nuv__client_post_many(const char *dir, const char *topic, comm_data *const *msgs,
+                          unsigned int count, unsigned int window, int *results,
+                          unsigned int max_msg);
 
 #endif

@@ -17,19 +17,6 @@
 
 /* Not a valid topic name, so it cannot collide with a socket. */
 #define LOCK_NAME "~lock"
-/* Connection buffers above this size are not kept between requests. */
-#define KEEP_BUF (64u * 1024u)
-
-struct nuv__conn {
-  int fd;
-  struct nuv__topic *t;
-  struct nuv__conn *prev, *next;
-  /* Atomic: monotonic ms since it waits for a request, 0 while busy, -1 once evicted. The
-   * serving thread and an eviction each claim the connection with a compare-and-swap, so a
-   * request is either served in full or dropped before its handler runs, never both. */
-  int64_t idle_since;
-  int evicted; /* guarded by t->mu */
-};
 
 int nuv__comm_thread(pthread_t *tid, void *(*fn)(void *), void *arg, int detached) {
   pthread_attr_t attr;
@@ -157,74 +144,6 @@ static int bind_listen(struct nuv__topic *t) {
 
 /* ---- connections ---- */
 
-static int reply(int fd, int result, int64_t deadline) {
-  unsigned char b[8];
-  nuv__comm_put_le32(b, 4);
-  nuv__comm_put_le32(b + 4, (uint32_t)result);
-  struct iovec iov = {.iov_base = b, .iov_len = sizeof b};
-  return nuv__comm_send_all(fd, &iov, 1, deadline);
-}
-
-#define EVICTED ((int64_t)-1)
-
-/* Marks the connection idle since `since`; 0 when it was evicted meanwhile. */
-static int mark_idle(struct nuv__conn *c, int64_t since) {
-  if (!c) return 1;
-  int64_t busy = 0;
-  return __atomic_compare_exchange_n(&c->idle_since, &busy, since, 0, __ATOMIC_ACQ_REL,
-                                     __ATOMIC_ACQUIRE);
-}
-
-/* Marks it busy; 0 when it was evicted first (its request is then not served). */
-static int mark_busy(struct nuv__conn *c, int64_t since) {
-  return !c || __atomic_compare_exchange_n(&c->idle_since, &since, 0, 0, __ATOMIC_ACQ_REL,
-                                           __ATOMIC_ACQUIRE);
-}
-
-void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
-  unsigned char *buf = NULL;
-  size_t cap = 0;
-  unsigned char hdr[4];
-  for (;;) {
-    /* An idle connection is closed after idle_ms; once a frame starts, the rest must follow
-     * within the time-out. */
-    int64_t idle = nuv__comm_now_ms();
-    if (idle < 1) idle = 1;
-    if (!mark_idle(c, idle)) break;
-    if (nuv__comm_recv_all(fd, hdr, 1, idle + (int64_t)t->idle_ms, 1) != 0) break;
-    if (!mark_busy(c, idle)) break;
-    int64_t deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
-    if (nuv__comm_recv_all(fd, hdr + 1, 3, deadline, 0) != 0) break;
-    uint32_t len = nuv__comm_get_le32(hdr);
-    if (len > t->max_msg) {
-      reply(fd, NUV_COMM_E_TOOBIG, deadline);
-      break;
-    }
-    if ((size_t)len + 1 > cap) {
-      free(buf);
-      cap = (size_t)len + 1;
-      buf = malloc(cap);
-      if (!buf) {
-        reply(fd, NUV_COMM_E_SYSTEM, deadline);
-        break;
-      }
-    }
-    if (nuv__comm_recv_all(fd, buf, len, deadline, 0) != 0) break;
-    buf[len] = '\0';
-    comm_data request = {.bytes = buf, .length = len};
-    unsigned char nul = 0;
-    comm_data none = {.bytes = &nul, .length = 0};
-    int result = nuv__topic_call(t, &request, &none);
-    if (reply(fd, result, nuv__comm_now_ms() + nuv__comm_timeout_ms()) != 0) break;
-    if (cap > KEEP_BUF) {
-      free(buf);
-      buf = NULL;
-      cap = 0;
-    }
-  }
-  free(buf);
-}
-
 static void unlink_conn(struct nuv__topic *t, struct nuv__conn *c) {
   if (c->prev) c->prev->next = c->next;
   else t->conns = c->next;
@@ -248,7 +167,7 @@ static int evict_oldest_idle(struct nuv__topic *t) {
       }
     }
     if (!oldest) return -1;
-    if (__atomic_compare_exchange_n(&oldest->idle_since, &oldest_since, EVICTED, 0,
+    if (__atomic_compare_exchange_n(&oldest->idle_since, &oldest_since, NUV__CONN_EVICTED, 0,
                                     __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
       break;
     }

@@ -1,0 +1,152 @@
+/* One connection's requests. A read takes every byte already there into the connection's
+ * buffer; each complete frame in it is handled in order and the replies go out in one send.
+ * A synchronous client costs a read and a send per request, and a client that sends ahead
+ * costs the same per batch. */
+#include <errno.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include "internal.h"
+
+/* What one read may take while idle; also the buffer kept between requests. */
+#define BASE_BUF (64u * 1024u)
+/* Replies gathered before a send; more frames in one read just mean more sends. */
+#define REPLIES_MAX 512
+
+/* Marks the connection idle since `since`; 0 when it was evicted meanwhile. */
+static int mark_idle(struct nuv__conn *c, int64_t since) {
+  if (!c) return 1;
+  int64_t busy = 0;
+  return __atomic_compare_exchange_n(&c->idle_since, &busy, since, 0, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE);
+}
+
+/* Marks it busy; 0 when it was evicted first (its requests are then not served). */
+static int mark_busy(struct nuv__conn *c, int64_t since) {
+  return !c || __atomic_compare_exchange_n(&c->idle_since, &since, 0, 0, __ATOMIC_ACQ_REL,
+                                           __ATOMIC_ACQUIRE);
+}
+
+struct inbuf {
+  unsigned char *p; /* cap bytes plus one, for the NUL after a request */
+  size_t cap, len;
+};
+
+/* Room for `need` bytes; 0, or -1 when out of memory. */
+static int reserve(struct inbuf *b, size_t need) {
+  if (need <= b->cap && b->p) return 0;
+  if (need < BASE_BUF) need = BASE_BUF;
+  unsigned char *p = realloc(b->p, need + 1);
+  if (!p) return -1;
+  b->p = p;
+  b->cap = need;
+  return 0;
+}
+
+/* Reads what is there into the free part of `b`. `block` lets the read wait, bounded by the
+ * socket's receive time-out; any further wait is a poll up to `deadline`. The count read, 0
+ * when the peer closed, -1 on an error or the deadline. */
+static ssize_t read_some(int fd, struct inbuf *b, int block, int64_t deadline) {
+  int flags = block ? 0 : MSG_DONTWAIT;
+  for (;;) {
+    ssize_t got = recv(fd, b->p + b->len, b->cap - b->len, flags);
+    if (got >= 0) return got;
+    if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+    if (nuv__comm_wait_fd(fd, POLLIN, deadline) != 0) return -1;
+    flags = MSG_DONTWAIT;
+  }
+}
+
+struct replies {
+  unsigned char b[REPLIES_MAX * 8];
+  unsigned int n;
+};
+
+static int flush(int fd, struct replies *r) {
+  if (r->n == 0) return 0;
+  struct iovec iov = {.iov_base = r->b, .iov_len = r->n * 8u};
+  r->n = 0;
+  return nuv__comm_send_all(fd, &iov, 1, nuv__comm_now_ms() + nuv__comm_timeout_ms());
+}
+
+static int add_reply(int fd, struct replies *r, int result) {
+  if (r->n == REPLIES_MAX && flush(fd, r) != 0) return -1;
+  nuv__comm_put_le32(r->b + r->n * 8u, 4);
+  nuv__comm_put_le32(r->b + r->n * 8u + 4, (uint32_t)result);
+  r->n++;
+  return 0;
+}
+
+/* Handles every complete frame at the start of `b` and queues the replies; what is left is
+ * moved to the front. 1 to go on, 0 when the connection must close after the replies (a
+ * frame over the limit, no memory for one), -1 when a reply could not be sent. */
+static int handle_frames(struct nuv__topic *t, int fd, struct inbuf *b, struct replies *r) {
+  size_t at = 0;
+  int go_on = 1;
+  while (b->len - at >= 4) {
+    uint32_t len = nuv__comm_get_le32(b->p + at);
+    if (len > t->max_msg) {
+      /* Refused at the header, without reading the body into memory. */
+      if (add_reply(fd, r, NUV_COMM_E_TOOBIG) != 0) return -1;
+      go_on = 0;
+      break;
+    }
+    if (b->len - at - 4 < len) break;
+    unsigned char *body = b->p + at + 4;
+    unsigned char after = body[len]; /* the next frame's first byte, or spare room */
+    body[len] = '\0';
+    comm_data request = {.bytes = body, .length = len};
+    unsigned char nul = 0;
+    comm_data none = {.bytes = &nul, .length = 0};
+    int result = nuv__topic_call(t, &request, &none);
+    body[len] = after;
+    if (add_reply(fd, r, result) != 0) return -1;
+    at += 4 + (size_t)len;
+  }
+  if (go_on && b->len - at >= 4 &&
+      reserve(b, 4 + (size_t)nuv__comm_get_le32(b->p + at)) != 0) {
+    if (add_reply(fd, r, NUV_COMM_E_SYSTEM) != 0) return -1;
+    go_on = 0;
+  }
+  memmove(b->p, b->p + at, b->len - at);
+  b->len -= at;
+  return go_on;
+}
+
+void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
+  struct inbuf b = {0};
+  struct replies *r = malloc(sizeof *r);
+  /* The idle wait is a read that blocks at most idle_ms; without that bound, a poll. */
+  int block_idle = nuv__comm_set_rcvtimeo(fd, t->idle_ms) == 0;
+  int64_t frame_deadline = 0;
+  if (!r) return;
+  r->n = 0;
+  while (reserve(&b, BASE_BUF) == 0) {
+    ssize_t got;
+    if (b.len == 0) {
+      int64_t idle = nuv__comm_now_ms();
+      if (idle < 1) idle = 1;
+      if (!mark_idle(c, idle)) break;
+      got = read_some(fd, &b, block_idle, idle + (int64_t)t->idle_ms);
+      if (got <= 0 || !mark_busy(c, idle)) break;
+      /* Once a frame starts, the rest must follow within the time-out. */
+      frame_deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
+    } else {
+      got = read_some(fd, &b, 0, frame_deadline);
+      if (got <= 0) break;
+    }
+    size_t before = b.len += (size_t)got;
+    int rc = handle_frames(t, fd, &b, r);
+    if (rc < 0 || flush(fd, r) != 0 || rc == 0) break;
+    if (b.len > 0 && b.len < before) frame_deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
+    if (b.len == 0 && b.cap > BASE_BUF) {
+      free(b.p);
+      b.p = NULL;
+      b.cap = 0;
+    }
+  }
+  free(b.p);
+  free(r);
+}
