@@ -45,6 +45,7 @@ const char* const* const kHeaderStrings = kMembers + 3;
 constexpr size_t kHeaderStringCount = 8;
 const char* const* const kTimerMembers = kHeaderStrings + kHeaderStringCount;
 constexpr size_t kTimerMemberCount = 3;
+const JsonPaths kMemberPaths(kMembers, sizeof kMembers / sizeof kMembers[0]);
 
 }  // namespace
 
@@ -111,7 +112,7 @@ CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& class
                                static_cast<unsigned int>(static_cast<const char*>(nul) - text));
   }
   // One pass over the posted bytes in place, with Jansson's verdict: no tree, no copy.
-  JsonScan json(kMembers, sizeof kMembers / sizeof kMembers[0]);
+  JsonScan json(kMemberPaths);
   const int loaded = json.Scan(text, size);
   if (loaded != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "json load failed with error:%d", loaded);

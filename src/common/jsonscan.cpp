@@ -15,6 +15,7 @@
 namespace {
 
 constexpr int kMaxDepth = JSON_PARSER_MAX_DEPTH;
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the word-wise string skip reads bytes low first");
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
@@ -147,13 +148,13 @@ bool RealOverflows(const char* begin, const char* end) {
 class JsonScan::Parser {
  public:
   Parser(JsonScan& scan, const char* text, size_t size)
-      : scan_(scan), p_(text), end_(text + size) {}
+      : scan_(scan), paths_(scan.paths_), p_(text), end_(text + size) {}
 
   bool Run() {
     uint32_t capture = 0;  // paths that end at the value about to be read
     uint32_t descend = 0;  // paths that go on into it
-    for (size_t i = 0; i < scan_.count_; ++i) {
-      if (scan_.steps_[i] != 0) descend |= 1u << i;
+    for (size_t i = 0; i < paths_.count_; ++i) {
+      if (paths_.steps_[i] != 0) descend |= 1u << i;
     }
     for (;;) {
       // A value.
@@ -216,7 +217,7 @@ class JsonScan::Parser {
     } else {
       objects_[at / 64] &= ~(uint64_t{1} << (at % 64));
     }
-    if (at < static_cast<int>(kMaxSteps)) masks_[at] = mask;
+    if (at < static_cast<int>(JsonPaths::kMaxSteps)) masks_[at] = mask;
   }
 
   bool IsObject(int at) const { return (objects_[at / 64] >> (at % 64)) & 1; }
@@ -232,10 +233,14 @@ class JsonScan::Parser {
     Found key{};
     if (p_ == end_ || *p_ != '"' || !String(key)) return false;
     const int level = open_ - 1;
-    const uint32_t reaching = level < static_cast<int>(kMaxSteps) ? masks_[level] : 0;
+    const uint32_t reaching = level < static_cast<int>(JsonPaths::kMaxSteps) ? masks_[level] : 0;
     uint32_t match = 0;
-    for (size_t i = 0; (reaching >> i) != 0; ++i) {
-      if (((reaching >> i) & 1) && KeyEquals(key, scan_.pieces_[i][level])) match |= 1u << i;
+    for (size_t t = 0; reaching != 0 && t < paths_.textCount_[level]; ++t) {
+      const JsonPaths::Text& text = paths_.texts_[level][t];
+      if ((text.paths & reaching) != 0 && KeyEquals(key, text.piece)) {
+        match = text.paths & reaching;
+        break;
+      }
     }
     // A later member of the same name replaces the earlier one whole, in Jansson's tree too.
     for (size_t i = 0; (match >> i) != 0; ++i) {
@@ -244,7 +249,7 @@ class JsonScan::Parser {
     capture = descend = 0;
     for (size_t i = 0; (match >> i) != 0; ++i) {
       if ((match >> i) & 1) {
-        (scan_.steps_[i] == level + 1 ? capture : descend) |= 1u << i;
+        (paths_.steps_[i] == level + 1 ? capture : descend) |= 1u << i;
       }
     }
     SkipSpace();
@@ -253,9 +258,10 @@ class JsonScan::Parser {
     return true;
   }
 
-  static bool KeyEquals(const Found& key, const Piece& piece) {
+  static bool KeyEquals(const Found& key, const JsonPaths::Piece& piece) {
     if (!key.escaped) {
       return static_cast<size_t>(key.end - key.begin) == piece.size &&
+             (piece.size == 0 || key.begin[0] == piece.at[0]) &&
              std::memcmp(key.begin, piece.at, piece.size) == 0;
     }
     size_t at = 0;
@@ -283,11 +289,32 @@ class JsonScan::Parser {
     return value.kind != kNone;
   }
 
+  // Skips, eight bytes at a time, what needs no look: printable ASCII other than '"' and '\\'.
+  void SkipPlain() {
+    constexpr uint64_t kOnes = 0x0101010101010101ull;
+    constexpr uint64_t kHighs = 0x8080808080808080ull;
+    auto hasZero = [](uint64_t v) { return (v - kOnes) & ~v & kHighs; };
+    while (end_ - p_ >= 8) {
+      uint64_t w;
+      std::memcpy(&w, p_, sizeof w);
+      // The lowest flagged byte is always a real stop: false flags only follow a real one.
+      const uint64_t stop = ((w - kOnes * 0x20) & ~w & kHighs) | hasZero(w ^ (kOnes * '"')) |
+                            hasZero(w ^ (kOnes * '\\')) | (w & kHighs);
+      if (stop != 0) {
+        p_ += __builtin_ctzll(stop) / 8;
+        return;
+      }
+      p_ += 8;
+    }
+  }
+
   // A string at p_ (its opening quote), validated as Jansson's lexer does.
   bool String(Found& value) {
     value.kind = kString;
     value.begin = ++p_;
     while (p_ < end_) {
+      SkipPlain();
+      if (p_ == end_) break;
       const unsigned char u = static_cast<unsigned char>(*p_);
       if (u == '"') {
         value.end = p_++;
@@ -373,15 +400,16 @@ class JsonScan::Parser {
   }
 
   JsonScan& scan_;
+  const JsonPaths& paths_;
   const char* p_;
   const char* const end_;
   int open_ = 0;
   uint64_t objects_[(kMaxDepth + 63) / 64] = {};
-  uint32_t masks_[kMaxSteps] = {};
+  uint32_t masks_[JsonPaths::kMaxSteps] = {};
 };
 
-JsonScan::JsonScan(const char* const* paths, size_t count)
-    : paths_(paths), count_(count < kMaxPaths ? count : kMaxPaths), steps_(), pieces_(), found_() {
+JsonPaths::JsonPaths(const char* const* paths, size_t count)
+    : paths_(paths), count_(count < kMaxPaths ? count : kMaxPaths) {
   for (size_t i = 0; i < count_; ++i) {
     const char* p = paths_[i];
     size_t steps = 0;
@@ -397,20 +425,24 @@ JsonScan::JsonScan(const char* const* paths, size_t count)
     }
     steps_[i] = fits ? static_cast<uint8_t>(steps) : 0;
   }
-}
-
-int JsonScan::Scan(const char* text, size_t size) {
-  for (Found& f : found_) f = Found{};
-  Parser parser(*this, text == nullptr ? "" : text, text == nullptr ? 0 : size);
-  if (parser.Run()) {
-    return JsonUtil::kOk;
+  for (size_t step = 0; step < kMaxSteps; ++step) {
+    textCount_[step] = 0;
+    for (size_t i = 0; i < count_; ++i) {
+      if (step >= steps_[i]) continue;
+      const Piece& piece = pieces_[i][step];
+      size_t t = 0;
+      while (t < textCount_[step] && !(texts_[step][t].piece.size == piece.size &&
+                                       std::memcmp(texts_[step][t].piece.at, piece.at,
+                                                   piece.size) == 0)) {
+        ++t;
+      }
+      if (t == textCount_[step]) texts_[step][textCount_[step]++] = Text{piece, 0};
+      texts_[step][t].paths |= 1u << i;
+    }
   }
-  for (Found& f : found_) f = Found{};
-  return JsonUtil::kLoadFailed;
 }
 
-int JsonScan::Slot(const char* path) const {
-  // Callers pass the same literals they were built with: the pointer usually decides.
+int JsonPaths::Slot(const char* path) const {
   for (size_t i = 0; i < count_; ++i) {
     if (paths_[i] == path) return static_cast<int>(i);
   }
@@ -420,23 +452,41 @@ int JsonScan::Slot(const char* path) const {
   return -1;
 }
 
+JsonScan::JsonScan(const JsonPaths& paths) : paths_(paths) {
+  for (size_t i = 0; i < paths_.count_; ++i) found_[i].kind = kNone;
+}
+
+int JsonScan::Scan(const char* text, size_t size) {
+  for (size_t i = 0; i < paths_.count_; ++i) found_[i] = Found{};
+  Parser parser(*this, text == nullptr ? "" : text, text == nullptr ? 0 : size);
+  if (parser.Run()) {
+    return JsonUtil::kOk;
+  }
+  for (size_t i = 0; i < paths_.count_; ++i) found_[i] = Found{};
+  return JsonUtil::kLoadFailed;
+}
+
+const JsonScan::Found* JsonScan::At(const char* path) const {
+  const int slot = paths_.Slot(path);
+  return slot < 0 || found_[slot].kind == kNone ? nullptr : &found_[slot];
+}
+
 JsonScan::Kind JsonScan::KindAt(const char* path) const {
-  const int slot = Slot(path);
-  return slot < 0 ? kNone : found_[slot].kind;
+  const Found* f = At(path);
+  return f == nullptr ? kNone : f->kind;
 }
 
 int JsonScan::GetString(const char* path, std::string& out) const {
-  const int slot = Slot(path);
-  if (slot < 0 || found_[slot].kind == kNone) return JsonUtil::kNotFound;
-  const Found& f = found_[slot];
-  if (f.kind != kString) return JsonUtil::kWrongType;
-  if (!f.escaped) {
-    const size_t size = static_cast<size_t>(f.end - f.begin);
-    out.assign(f.begin, size < JsonUtil::kStringLimit ? size : JsonUtil::kStringLimit);
+  const Found* f = At(path);
+  if (f == nullptr) return JsonUtil::kNotFound;
+  if (f->kind != kString) return JsonUtil::kWrongType;
+  if (!f->escaped) {
+    const size_t size = static_cast<size_t>(f->end - f->begin);
+    out.assign(f->begin, size < JsonUtil::kStringLimit ? size : JsonUtil::kStringLimit);
     return JsonUtil::kOk;
   }
   out.clear();
-  Decode(f.begin, f.end, [&out](const char* bytes, size_t n) {
+  Decode(f->begin, f->end, [&out](const char* bytes, size_t n) {
     out.append(bytes, n);
     return out.size() < JsonUtil::kStringLimit;
   });
@@ -445,11 +495,11 @@ int JsonScan::GetString(const char* path, std::string& out) const {
 }
 
 int JsonScan::GetInteger(const char* path, int* out) const {
-  const int slot = Slot(path);
-  if (slot < 0 || found_[slot].kind == kNone) return JsonUtil::kNotFound;
-  if (found_[slot].kind != kInteger) return JsonUtil::kWrongType;
+  const Found* f = At(path);
+  if (f == nullptr) return JsonUtil::kNotFound;
+  if (f->kind != kInteger) return JsonUtil::kWrongType;
   if (out != nullptr) {
-    *out = static_cast<int>(static_cast<unsigned int>(found_[slot].integer));
+    *out = static_cast<int>(static_cast<unsigned int>(f->integer));
   }
   return JsonUtil::kOk;
 }

@@ -22,21 +22,51 @@
 #include <cstdint>
 #include <string>
 
-class JsonScan {
+// The slash paths a scan looks for, split once: made once per table of paths and kept.
+class JsonPaths {
  public:
   static constexpr size_t kMaxPaths = 32;
   static constexpr size_t kMaxSteps = 8;
 
   // `paths` (count of them, at most kMaxPaths, each of at most kMaxSteps pieces) must outlive
-  // the scan; string literals do. A path beyond those bounds is never found.
-  JsonScan(const char* const* paths, size_t count);
+  // this object; string literals do. A path beyond those bounds is never found.
+  JsonPaths(const char* const* paths, size_t count);
+
+ private:
+  friend class JsonScan;
+  struct Piece {
+    const char* at;
+    uint32_t size;
+  };
+
+  // The index of `path` in the table, or -1; the same literal is found by its address.
+  int Slot(const char* path) const;
+
+  const char* const* paths_;
+  size_t count_;
+  uint8_t steps_[kMaxPaths];  // 0: the path is never found
+  Piece pieces_[kMaxPaths][kMaxSteps];
+  // Per step, each distinct piece text once, with the paths that have it there: a key is
+  // compared with each text once, however many paths share it.
+  struct Text {
+    Piece piece;
+    uint32_t paths;
+  };
+  Text texts_[kMaxSteps][kMaxPaths];
+  uint8_t textCount_[kMaxSteps];
+};
+
+class JsonScan {
+ public:
+  // `paths` must outlive the scan.
+  explicit JsonScan(const JsonPaths& paths);
 
   // JsonUtil::kOk when the text is a JSON document, JsonUtil::kLoadFailed when it is not (then
   // no path is found).
   int Scan(const char* text, size_t size);
 
-  // As JsonUtil's getters with index -1, for a path given to the constructor (any other path
-  // is not found): 0, -3 (wrong type) or -5 (nothing there). The string is decoded, and cut as
+  // As JsonUtil's getters with index -1, for a path of the table (any other path is not
+  // found): 0, -3 (wrong type) or -5 (nothing there). The string is decoded, and cut as
   // JsonUtil cuts it.
   int GetString(const char* path, std::string& out) const;
   // Integers keep their low 32 bits, as in JsonUtil.
@@ -47,10 +77,6 @@ class JsonScan {
   Kind KindAt(const char* path) const;
 
  private:
-  struct Piece {
-    const char* at;
-    uint32_t size;
-  };
   struct Found {
     Kind kind;
     bool escaped;  // a string holding escapes: decoded on reading
@@ -60,13 +86,10 @@ class JsonScan {
   };
   class Parser;
 
-  int Slot(const char* path) const;
+  const Found* At(const char* path) const;
 
-  const char* const* paths_;
-  size_t count_;
-  uint8_t steps_[kMaxPaths];  // 0: the path is never found
-  Piece pieces_[kMaxPaths][kMaxSteps];
-  Found found_[kMaxPaths];
+  const JsonPaths& paths_;
+  Found found_[JsonPaths::kMaxPaths];
 };
 
 #endif

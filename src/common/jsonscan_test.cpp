@@ -12,7 +12,7 @@ namespace {
 
 const char* const kPaths[] = {"a",   "a/b", "a/s", "a/n", "/a//c/", "k",  "h/type",
                               "h/v", "e",   "h",   "b",   "a/b/c",  "\xC3\xA9"};
-constexpr size_t kPathCount = sizeof kPaths / sizeof kPaths[0];
+const JsonPaths kTable(kPaths, sizeof kPaths / sizeof kPaths[0]);
 
 bool JanssonAccepts(const std::string& text) {
   json_error_t error;
@@ -22,7 +22,7 @@ bool JanssonAccepts(const std::string& text) {
 }
 
 bool ScanAccepts(const std::string& text) {
-  JsonScan scan(kPaths, kPathCount);
+  JsonScan scan(kTable);
   return scan.Scan(text.data(), text.size()) == JsonUtil::kOk;
 }
 
@@ -42,7 +42,7 @@ std::string Readings(Getter get) {
 }
 
 std::string ScanReadings(const std::string& text) {
-  JsonScan scan(kPaths, kPathCount);
+  JsonScan scan(kTable);
   if (scan.Scan(text.data(), text.size()) != JsonUtil::kOk) return "refused";
   return Readings([&](const char* path, std::string& s, int& n, int& ss, int& is) {
     ss = scan.GetString(path, s);
@@ -151,7 +151,8 @@ TEST(JsonScanTest, PathReadingsMatchTheTree) {
   }
   // A path given after construction, or beyond the table's depth, is not found.
   const char* const deep[] = {"a/b/c/d/e/f/g/h/i"};
-  JsonScan scan(deep, 1);
+  const JsonPaths deepTable(deep, 1);
+  JsonScan scan(deepTable);
   const std::string text = Nested(9, "{\"x\":", "1", "}");
   ASSERT_EQ(scan.Scan(text.data(), text.size()), JsonUtil::kOk);
   int value = 0;
