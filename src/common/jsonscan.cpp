@@ -223,9 +223,7 @@ class JsonScan::Parser {
   bool IsObject(int at) const { return (objects_[at / 64] >> (at % 64)) & 1; }
 
   void Note(uint32_t capture, const Found& value) {
-    for (size_t i = 0; capture != 0; ++i, capture >>= 1) {
-      if (capture & 1) scan_.found_[i] = value;
-    }
+    for (; capture != 0; capture &= capture - 1) scan_.found_[__builtin_ctz(capture)] = value;
   }
 
   // A member's key and colon, at p_; sets which paths end at its value and which go on.
@@ -243,14 +241,11 @@ class JsonScan::Parser {
       }
     }
     // A later member of the same name replaces the earlier one whole, in Jansson's tree too.
-    for (size_t i = 0; (match >> i) != 0; ++i) {
-      if ((match >> i) & 1) scan_.found_[i].kind = kNone;
-    }
     capture = descend = 0;
-    for (size_t i = 0; (match >> i) != 0; ++i) {
-      if ((match >> i) & 1) {
-        (paths_.steps_[i] == level + 1 ? capture : descend) |= 1u << i;
-      }
+    for (uint32_t left = match; left != 0; left &= left - 1) {
+      const int i = __builtin_ctz(left);
+      scan_.found_[i].kind = kNone;
+      (paths_.steps_[i] == level + 1 ? capture : descend) |= 1u << i;
     }
     SkipSpace();
     if (p_ == end_ || *p_ != ':') return false;
