@@ -1,7 +1,6 @@
 #include "file/fileclassify.h"
 
 #include <charconv>
-#include <cstdio>
 #include <ctime>
 #include <string_view>
 #include <vector>
