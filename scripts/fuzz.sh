@@ -23,7 +23,7 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-all=(bp_fuzz frame_fuzz config_fuzz index_fuzz condition_fuzz register_fuzz)
+all=(bp_fuzz frame_fuzz config_fuzz index_fuzz condition_fuzz register_fuzz jsonscan_fuzz)
 [ ${#targets[@]} -eq 0 ] && targets=("${all[@]}")
 
 if [ "$build" -eq 1 ]; then
@@ -34,7 +34,7 @@ fi
 max_len() {
   case "$1" in
     frame_fuzz) echo 32768 ;;
-    bp_fuzz|config_fuzz) echo 16384 ;;
+    bp_fuzz|config_fuzz|jsonscan_fuzz) echo 16384 ;;
     *) echo 8192 ;;
   esac
 }

@@ -116,6 +116,24 @@ void nuv_rwlock_destroy(nuv_rwlock_t **lock) {
   *lock = NULL;
 }
 
+/* The calling thread's kernel id, asked of the kernel once per thread: every exclusive acquire
+ * notes it, and a system call per store write only for a log line was too dear. A forked
+ * child asks again (its one thread has a new id). */
+static __thread long t_tid;
+
+static void forget_tid(void) { t_tid = 0; }
+
+static void register_forget_tid(void) { pthread_atfork(NULL, NULL, forget_tid); }
+
+static long current_tid(void) {
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  if (t_tid == 0) {
+    pthread_once(&once, register_forget_tid);
+    t_tid = (long)syscall(SYS_gettid);
+  }
+  return t_tid;
+}
+
 static int self_holds(const struct nuv_rwlock *l) {
   return l->writer && pthread_equal(l->owner, pthread_self());
 }
@@ -135,7 +153,7 @@ static void wait_no_writer(struct nuv_rwlock *l, const char *how) {
                      "exclusively by thread %ld for %lu ms without release, taken over by "
                      "thread %ld (%s).",
                      (long)getpid(), "[ZOR]", "zorbase/lock.c", __LINE__, l->name, old_tid,
-                     held, (long)syscall(SYS_gettid), how);
+                     held, current_tid(), how);
       pthread_cond_broadcast(&l->cv);
       break;
     }
@@ -187,7 +205,7 @@ int nuv_rwlock_exclusive_acquire(nuv_rwlock_t *lock) {
   }
   lock->writer = 1;
   lock->owner = pthread_self();
-  lock->owner_tid = (long)syscall(SYS_gettid);
+  lock->owner_tid = current_tid();
   lock->held_since_ms = now_ms();
   lock->hold_id++;
   pthread_mutex_unlock(&lock->mu);

@@ -2,6 +2,9 @@
 // signal mask of every thread the platform starts.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -41,7 +44,11 @@ class TakeOver : public ::testing::Test {
 TEST_F(TakeOver, AnAbandonedExclusiveHoldIsTakenOverAfterTheBoundWithOneWarn) {
   EXPECT_EQ(nuv_lock_get_takeover_ms(), 300u);
   // A thread that takes the lock and ends without releasing it.
-  std::thread([this] { ASSERT_EQ(nuv_rwlock_exclusive_acquire(lock_), 0); }).join();
+  long holder = 0;
+  std::thread([&] {
+    holder = static_cast<long>(syscall(SYS_gettid));
+    ASSERT_EQ(nuv_rwlock_exclusive_acquire(lock_), 0);
+  }).join();
   long waited = 0;
   int exclusive = -1;
   int shared = -1;
@@ -61,8 +68,36 @@ TEST_F(TakeOver, AnAbandonedExclusiveHoldIsTakenOverAfterTheBoundWithOneWarn) {
   ASSERT_EQ(lines.size(), 1u) << (lines.empty() ? "" : lines[0]);
   EXPECT_EQ(lines[0].rfind("[WARN] [nuv_rwlock]::lock TestLock held exclusively by thread ", 0), 0u)
       << lines[0];
-  EXPECT_NE(lines[0].find("without release, taken over by thread "), std::string::npos);
-  EXPECT_NE(lines[0].find("(exclusive)."), std::string::npos) << lines[0];
+  // Each side is named by its own kernel thread id.
+  EXPECT_NE(lines[0].find("by thread " + std::to_string(holder) + " for "), std::string::npos)
+      << lines[0];
+  EXPECT_NE(lines[0].find("without release, taken over by thread " +
+                          std::to_string(static_cast<long>(syscall(SYS_gettid))) +
+                          " (exclusive)."),
+            std::string::npos)
+      << lines[0];
+}
+
+TEST_F(TakeOver, AForkedChildNamesItsOwnThread) {
+  ASSERT_EQ(nuv_rwlock_exclusive_acquire(lock_), 0);  // this thread's id is known from here on
+  ASSERT_EQ(nuv_rwlock_exclusive_release(lock_), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The child's one thread holds the lock and another takes it over: the WARN must name the
+    // child's thread (its id is the child's pid), not the parent's.
+    bool named = false;
+    nuv_rwlock_exclusive_acquire(lock_);
+    const std::vector<std::string> lines = nuvtest::CaptureMessages([&] {
+      std::thread([&] { nuv_rwlock_exclusive_acquire(lock_); }).join();
+    });
+    named = lines.size() == 1 &&
+            lines[0].find("by thread " + std::to_string(getpid()) + " for ") != std::string::npos;
+    _exit(named ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(TakeOver, ReadersTakeOverTooAndTheFormerHolderCanNoLongerRelease) {

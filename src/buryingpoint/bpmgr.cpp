@@ -1,8 +1,11 @@
 #include "buryingpoint/bpmgr.h"
 
+#include <cstring>
 #include <string>
-#include <utility>
+#include <string_view>
 
+#include "common/jsonscan.h"
+#include "common/jsonutil.h"
 #include "common/log.h"
 #include "common/singleton.h"
 #include "file/filemanager.h"
@@ -21,13 +24,24 @@ constexpr int kResultBpInvalid = static_cast<int>(NUV_MAINT_BP_INVALID);
 constexpr unsigned int kTimingType = 256;
 constexpr size_t kFocusPathSize = 1024;
 
-// Header strings that must be present; their values are not used.
-const char* const kHeaderStrings[] = {
+// Every member the format reads, in one table for the scan; the first three are read first, in
+// this order, then the header strings, then (timing points only) the body members.
+const char kType[] = "header/type";
+const char kVersion[] = "header/version";
+const char kFocus[] = "header/focus";
+const char* const kMembers[] = {
+    kType,         kVersion,         kFocus,
+    // Header strings that must be present; their values are not used.
     "header/id",   "header/name",    "header/module",          "header/function",
     "header/time", "header/product", "header/product_version", "header/agent_id",
+    // Timing members.
+    "body/time_start", "body/time_end", "body/time_diff",
 };
-
-const char* const kTimerMembers[] = {"body/time_start", "body/time_end", "body/time_diff"};
+const char* const* const kHeaderStrings = kMembers + 3;
+constexpr size_t kHeaderStringCount = 8;
+const char* const* const kTimerMembers = kHeaderStrings + kHeaderStringCount;
+constexpr size_t kTimerMemberCount = 3;
+const JsonPaths kMemberPaths(kMembers, sizeof kMembers / sizeof kMembers[0]);
 
 }  // namespace
 
@@ -72,7 +86,7 @@ int CBpMgr::CallBackImpl(void* data, unsigned int length) {
     return kResultBpInvalid;
   }
   // The posted bytes are stored as they came, members unknown to the format included.
-  const std::string content(static_cast<const char*>(data), length);
+  const std::string_view content(static_cast<const char*>(data), length);
   result = CSingleton<CFileManager>::GetInstance().WriteFile(classify, content);
   if (result.code != 0) {
     ZLOG_ERROR("[bpmgr] write bp data failed with error:%d-%s", result.code, result.desc.c_str());
@@ -85,16 +99,17 @@ int CBpMgr::CallBackImpl(void* data, unsigned int length) {
 }
 
 CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& classify) {
-  JsonUtil json;
-  std::string text(data == nullptr ? "" : static_cast<const char*>(data),
-                   data == nullptr ? 0 : length);
+  const char* text = data == nullptr ? "" : static_cast<const char*>(data);
+  const size_t size = data == nullptr ? 0 : length;
   // The parser stops at a NUL and the store could not index such a record: refuse it whole.
-  const std::string::size_type nul = text.find('\0');
-  if (nul != std::string::npos) {
+  const void* nul = std::memchr(text, '\0', size);
+  if (nul != nullptr) {
     return CError::CreateError(kErrBpInvalid, "bp data holds a NUL byte at offset %u",
-                               static_cast<unsigned int>(nul));
+                               static_cast<unsigned int>(static_cast<const char*>(nul) - text));
   }
-  const int loaded = json.JsonLoadString(std::move(text));
+  // One pass over the posted bytes in place, with Jansson's verdict: no tree, no copy.
+  JsonScan json(kMemberPaths);
+  const int loaded = json.Scan(text, size);
   if (loaded != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "json load failed with error:%d", loaded);
   }
@@ -108,23 +123,23 @@ CError CBpMgr::CheckBpData(void* data, unsigned int length, CFileClassify& class
   return result;
 }
 
-CError CBpMgr::CheckBpHeader(JsonUtil& json, CFileClassify& classify) {
+CError CBpMgr::CheckBpHeader(const JsonScan& json, CFileClassify& classify) {
   int type = 0;
-  if (json.JsonGetInteger("header/type", &type, -1) != JsonUtil::kOk) {
-    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/type");
+  if (json.GetInteger(kType, &type) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kType);
   }
   std::string version;
-  if (json.JsonGetString("header/version", version, -1) != JsonUtil::kOk) {
-    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/version");
+  if (json.GetString(kVersion, version) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kVersion);
   }
   if (version != "1.0") {
     // The refusal of a version names "header/type"; the text is kept as it is.
-    return CError::CreateError(kErrBpInvalid, "BP %s:%s is not support", "header/type",
+    return CError::CreateError(kErrBpInvalid, "BP %s:%s is not support", kType,
                                version.c_str());
   }
   std::string focus;
-  if (json.JsonGetString("header/focus", focus, -1) != JsonUtil::kOk) {
-    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", "header/focus");
+  if (json.GetString(kFocus, focus) != JsonUtil::kOk) {
+    return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kFocus);
   }
   std::string name;
   unsigned int pid = 0;
@@ -132,10 +147,10 @@ CError CBpMgr::CheckBpHeader(JsonUtil& json, CFileClassify& classify) {
   if (result.code != 0) {
     return result;
   }
-  std::string scratch;
-  for (const char* path : kHeaderStrings) {
-    if (json.JsonGetString(path, scratch, -1) != JsonUtil::kOk) {
-      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", path);
+  // Their values are not used: their kind is what the format asks of them.
+  for (size_t i = 0; i < kHeaderStringCount; ++i) {
+    if (json.KindAt(kHeaderStrings[i]) != JsonScan::kString) {
+      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kHeaderStrings[i]);
     }
   }
   if (!classify.InitFileClassify(name, pid, static_cast<unsigned int>(type))) {
@@ -144,11 +159,10 @@ CError CBpMgr::CheckBpHeader(JsonUtil& json, CFileClassify& classify) {
   return CError();
 }
 
-CError CBpMgr::CheckBpTimer(JsonUtil& json) {
-  int value = 0;
-  for (const char* path : kTimerMembers) {
-    if (json.JsonGetInteger(path, &value, -1) != JsonUtil::kOk) {
-      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", path);
+CError CBpMgr::CheckBpTimer(const JsonScan& json) {
+  for (size_t i = 0; i < kTimerMemberCount; ++i) {
+    if (json.KindAt(kTimerMembers[i]) != JsonScan::kInteger) {
+      return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kTimerMembers[i]);
     }
   }
   return CError();

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "common/error.h"
-#include "common/jsonutil.h"
+#include "common/jsonscan.h"
 #include "file/fileclassify.h"
 #include "nuv_comm.h"
 
@@ -33,10 +33,11 @@ class CBpMgr {
   static int BpRegisterCallBack(comm_data* request, comm_data* reply, void* userData);
   int CallBackImpl(void* data, unsigned int length);
 
-  // Validation steps; each stops at the first failure and returns it.
+  // Validation steps; each stops at the first failure and returns it. The document is scanned
+  // in place (JsonScan), with the verdict and member values a Jansson tree would give.
   CError CheckBpData(void* data, unsigned int length, CFileClassify& classify);
-  CError CheckBpHeader(JsonUtil& json, CFileClassify& classify);
-  CError CheckBpTimer(JsonUtil& json);
+  CError CheckBpHeader(const JsonScan& json, CFileClassify& classify);
+  CError CheckBpTimer(const JsonScan& json);
   // The process name is the last component of the text before the last ":"; pid is always 0.
   CError GetBpFocus(const std::string& focus, std::string& name, unsigned int* pid);
 };

@@ -5,11 +5,13 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "file/file_test_support.h"
 #include "nuv_syscall.h"
+#include "testutil/bp_tree_check.h"
 
 namespace {
 
@@ -55,6 +57,13 @@ std::string Point(int type, const std::string& focus, const std::string& path = 
 
 std::string With(const std::string& path, const char* value) {
   return Point(256, "/bin/a:1", path, value);
+}
+
+// As With, but `raw` goes into the text as it is, valid JSON or not.
+std::string WithRaw(const std::string& path, const std::string& raw) {
+  const std::string marked = With(path, "\"@raw@\"");
+  return marked.substr(0, marked.find("\"@raw@\"")) + raw +
+         marked.substr(marked.find("\"@raw@\"") + 7);
 }
 
 class BpMgrTest : public ::testing::Test {
@@ -134,6 +143,102 @@ TEST_F(BpMgrTest, ValidPointsAreStoredAsPosted) {
     records.push_back(row.text);
     EXPECT_EQ(filetest::Stored(stream), records);
   }
+}
+
+// What a check gives: code, message and the stream it classified.
+std::string Outcome(const CError& e, const CFileClassify& c) {
+  return std::to_string(e.code) + "-" + e.desc + " | " + c.GetContentPath();
+}
+
+std::string Scanned(const std::string& text) {
+  CFileClassify classify;
+  std::string copy = text;
+  const CError e = CBpMgr().CheckBpData(copy.empty() ? nullptr : &copy[0],
+                                        static_cast<unsigned int>(copy.size()), classify);
+  return Outcome(e, classify);
+}
+
+std::string OverTree(const std::string& text) {
+  CFileClassify classify;
+  const CError e = nuvtest::CheckBpOverTree(text, classify);
+  return Outcome(e, classify);
+}
+
+// The in-place scan refuses and classifies as the Jansson tree did: members found through
+// escapes and duplicates, wrong kinds, integers past 32 bits, hostile texts around a valid point.
+TEST_F(BpMgrTest, ChecksMatchTheTreeOnHostileBodies) {
+  const std::string valid = Point(256, "/usr/bin/agent:1");
+  const std::string header = valid.substr(0, valid.find(", \"body\""));
+  const std::string body = valid.substr(valid.find("\"body\""));
+  const struct {
+    std::string text;
+    std::string expected;  // the start of the outcome, so each row says what it is about
+  } rows[] = {
+      {valid, "0-success"},
+      {"{\"header\": {\"type\": 256}, " + valid.substr(1), "0-success"},  // later header wins
+      {valid.substr(0, valid.size() - 1) + ", \"header\": {\"type\": 512}}", "102-bp header/version"},
+      {"{\"\\u0068eader\"" + valid.substr(9), "0-success"},  // an escaped key
+      {With("header/version", "\"1\\u002e0\""), "0-success"},
+      {With("header/focus", "\"\\/usr\\/bin\\/esc\\u00e9:1\""), "0-success"},
+      {WithRaw("header/focus", "\"/bin/a\\u0000b:1\""), "102-json load failed"},
+      {With("header/type", "256.0"), "102-bp header/type is invalid"},
+      {With("header/type", "4294967552"), "0-success"},  // low 32 bits: a timing point
+      {Point(4352, "/bin/t:1", "body/time_diff", nullptr).replace(
+           Point(4352, "/bin/t:1").find("4352"), 4, "4294967552"),
+       "102-bp body/time_diff is invalid"},
+      {WithRaw("header/type", "9223372036854775808"), "102-json load failed"},
+      {With("header/type", "-4294967040"), "0-success"},
+      {WithRaw("header/type", "1e999"), "102-json load failed"},
+      {With("header/id", "null"), "102-bp header/id is invalid"},
+      {With("header/name", "[\"n\"]"), "102-bp header/name is invalid"},
+      {With("body/time_end", "1.5"), "102-bp body/time_end is invalid"},
+      {WithRaw("body/time_end", "\"\\ud800\""), "102-json load failed"},
+      {With("header/agent_id", "\"\\ud83d\\ude00\""), "0-success"},
+      {header + ", \"body\": 5}", "102-bp body/time_start is invalid"},
+      {header + ", \"body\": [" + body.substr(8) + "]", "102-json load failed"},
+      {"[" + valid + "]", "102-bp header/type is invalid"},
+      {valid + " ", "0-success"},
+      {valid + "x", "102-json load failed"},
+      {valid + valid, "102-json load failed"},
+      {"\xEF\xBB\xBF" + valid, "102-json load failed"},
+      {valid.substr(0, valid.size() - 1) + ", \"x\": \"\xC3\x28\"}", "102-json load failed"},
+      // The point is depth 1: 2047 arrays in it reach Jansson's limit of 2048, one more passes it.
+      {valid.substr(0, valid.size() - 1) + ", \"deep\": " + std::string(2047, '[') +
+           std::string(2047, ']') + "}",
+       "0-success"},
+      {valid.substr(0, valid.size() - 1) + ", \"deep\": " + std::string(2048, '[') +
+           std::string(2048, ']') + "}",
+       "102-json load failed"},
+      {"", "102-json load failed"},
+  };
+  for (const auto& row : rows) {
+    const std::string scanned = Scanned(row.text);
+    EXPECT_EQ(scanned, OverTree(row.text)) << row.text.substr(0, 200);
+    EXPECT_EQ(scanned.substr(0, row.expected.size()), row.expected) << row.text.substr(0, 200);
+  }
+}
+
+// Every one-byte change of a valid point gives the tree's outcome.
+TEST_F(BpMgrTest, ChecksMatchTheTreeOnEveryOneByteChange) {
+  const std::string base = "{\"header\":{\"type\":256,\"version\":\"1.0\",\"focus\":\"/b/a:1\","
+                           "\"id\":\"i\",\"name\":\"n\",\"module\":\"m\",\"function\":\"f\","
+                           "\"time\":\"t\",\"product\":\"p\",\"product_version\":\"v\","
+                           "\"agent_id\":\"\\u0061\"},\"body\":{\"time_start\":1,\"time_end\":-2,"
+                           "\"time_diff\":3}}";
+  ASSERT_EQ(Scanned(base).substr(0, 9), "0-success");
+  const std::string bytes = std::string("\"\\{}:,0-.e u") + std::string(1, '\0') + "\xC3";
+  std::map<std::string, int> outcomes;
+  for (size_t at = 0; at < base.size(); ++at) {
+    std::vector<std::string> variants{base.substr(0, at) + base.substr(at + 1)};
+    for (char b : bytes) variants.push_back(base.substr(0, at) + b + base.substr(at + 1));
+    for (const std::string& v : variants) {
+      const std::string scanned = Scanned(v);
+      ASSERT_EQ(scanned, OverTree(v)) << v;
+      ++outcomes[scanned.substr(0, scanned.find(" | "))];
+    }
+  }
+  // Success, bad JSON, NUL bytes, and a refusal naming each member were all reached.
+  EXPECT_GT(outcomes.size(), 25u);
 }
 
 ssize_t DiskFull(int, const void*, size_t) {

@@ -11,9 +11,6 @@
 
 namespace {
 
-// Bound of the string getter's copy, terminator included: longer texts are cut.
-constexpr size_t kStringCopyBound = 1023999;
-
 const std::string kDigits = "0123456789";
 
 bool IsDecimal(const std::string& piece) {
@@ -180,11 +177,11 @@ int JsonUtil::JsonGetString(const std::string& path, std::string& out, int index
     return kWrongType;
   }
   // The text as a bounded copy through a zeroed work buffer would give it: cut at the first
-  // NUL and at kStringCopyBound - 1 characters. Copied straight into out, since zeroing a
+  // NUL and at kStringLimit characters. Copied straight into out, since zeroing a
   // megabyte per member read dominated the cost of every burying point.
   const char* text = json_string_value(value);
   try {
-    out.assign(text, ::strnlen(text, kStringCopyBound - 1));
+    out.assign(text, ::strnlen(text, kStringLimit));
   } catch (const std::bad_alloc&) {
     return kBufferFailed;
   }

@@ -31,6 +31,10 @@ class JsonUtil {
   static constexpr int kBufferFailed = -13;    // string getter's work buffer
   static constexpr int kCopyFailed = -14;      // object list: copying a member failed
 
+  // The string getter reads at most this many characters (its work buffer's bound, 1,023,999
+  // bytes, less the terminator); longer texts are cut.
+  static constexpr size_t kStringLimit = 1023998;
+
   // Node type codes of JsonTypeGet.
   static constexpr int kTypeObject = 1;
   static constexpr int kTypeArray = 2;

@@ -1,7 +1,8 @@
 #include "file/fileclassify.h"
 
-#include <cstdio>
+#include <charconv>
 #include <ctime>
+#include <string_view>
 #include <vector>
 
 #include "common/utils.h"
@@ -24,10 +25,29 @@ std::string LastComponent(const std::string& dir) {
   return slash == std::string::npos ? dir : dir.substr(slash + 1);
 }
 
+// Paths and keys are built by appending, as snprintf into a zeroed buffer of `bound` bytes
+// would give them (each text up to its first NUL, the whole cut to bound - 1 characters), but
+// without formatting or zeroing a buffer for every record stored.
+std::string_view Text(const std::string& s) { return std::string_view(s.c_str()); }
+
+void Bound(std::string& s, size_t bound) {
+  if (s.size() >= bound) s.resize(bound - 1);
+}
+
+template <typename Number>
+void AppendDecimal(std::string& s, Number value) {
+  char digits[16];
+  s.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
 std::string FormatKey(const std::string& name, unsigned int pid, unsigned int type) {
-  char buffer[kKeyBufferSize] = {0};
-  std::snprintf(buffer, sizeof(buffer), "%s:%u:%u", name.c_str(), pid, type);
-  return buffer;
+  std::string key(Text(name));
+  key.push_back(':');
+  AppendDecimal(key, pid);
+  key.push_back(':');
+  AppendDecimal(key, type);
+  Bound(key, kKeyBufferSize);
+  return key;
 }
 
 // The parts of a store file's path, read from the right: D/DAY/NAME/[index-]NAME-PID-TYPE.
@@ -132,17 +152,20 @@ void CFileClassify::ConstructPath(std::string base) {
   if (base.empty() || base.back() != '/') {
     base.push_back('/');
   }
-  char buffer[kPathBufferSize] = {0};
-  std::snprintf(buffer, sizeof(buffer), "%s/%s/%s", base.c_str(), time_.c_str(), name_.c_str());
-  path_ = buffer;
-
-  std::snprintf(buffer, sizeof(buffer), "%s/index-%s-%d-%d", path_.c_str(), name_.c_str(),
-                static_cast<int>(pid_), static_cast<int>(type_));
-  indexPath_ = buffer;
-
-  std::snprintf(buffer, sizeof(buffer), "%s/%s-%d-%d", path_.c_str(), name_.c_str(),
-                static_cast<int>(pid_), static_cast<int>(type_));
-  contentPath_ = buffer;
+  path_.assign(Text(base)).append("/").append(Text(time_)).append("/").append(Text(name_));
+  Bound(path_, kPathBufferSize);
+  // NAME-PID-TYPE, the content file's name and the index file's after "index-".
+  auto appendFileName = [this](std::string& s) {
+    s.append(Text(name_)).push_back('-');
+    AppendDecimal(s, static_cast<int>(pid_));
+    s.push_back('-');
+    AppendDecimal(s, static_cast<int>(type_));
+    Bound(s, kPathBufferSize);
+  };
+  indexPath_.assign(path_).append("/index-");
+  appendFileName(indexPath_);
+  contentPath_.assign(path_).append("/");
+  appendFileName(contentPath_);
 }
 
 bool CFileClassify::CheckValid() const { return !name_.empty() && type_ != 0; }

@@ -49,6 +49,26 @@ TEST_F(FileClassifyTest, InitBuildsPathsUnderTheBaseOfTheType) {
   }
 }
 
+// Paths read as "%s/%s/%s" and "%s/%s-%d-%d" into 1024 bytes did: numbers as ints, the key's
+// as unsigned, and every path cut to 1023 characters.
+TEST_F(FileClassifyTest, PathsKeepTheirFormattedShapeAndBound) {
+  ClockAt clock(2024, 2, 29);
+  CFileClassify classify = filetest::Classify("proc", 4294967295u, 3000000000u);
+  EXPECT_EQ(classify.GetKey(), "proc:4294967295:3000000000");
+  classify.ConstructPath("/b");
+  EXPECT_EQ(classify.GetContentPath(), "/b//20240229/proc/proc--1--1294967296");
+  EXPECT_EQ(classify.GetIndexPath(), "/b//20240229/proc/index-proc--1--1294967296");
+  const std::string base(1010, 'd');
+  classify.ConstructPath(base);
+  EXPECT_EQ(classify.GetPath(), (base + "//20240229/proc").substr(0, 1023));
+  EXPECT_EQ(classify.GetContentPath(), classify.GetPath());
+  const std::string shorter(1000, 'd');
+  classify.ConstructPath(shorter);
+  const std::string dir = shorter + "//20240229/proc/";
+  EXPECT_EQ(classify.GetContentPath(), (dir + "proc--1--1294967296").substr(0, 1023));
+  EXPECT_EQ(classify.GetIndexPath(), (dir + "index-proc--1--1294967296").substr(0, 1023));
+}
+
 std::string Fields(const CFileClassify& c) {
   return c.GetName() + "|" + std::to_string(c.GetPid()) + "|" + std::to_string(c.GetType()) +
          "|" + c.GetTime() + "|" + c.GetIndexPath() + "|" + c.GetContentPath() + "|" +

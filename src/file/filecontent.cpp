@@ -8,14 +8,13 @@ CError CFileContent::InitFilePath(const std::string& path) {
   return result;
 }
 
-CError CFileContent::WriteContent(const std::string& record, int& offset) {
+CError CFileContent::WriteContent(std::string_view record, int& offset) {
   if (record.empty()) {
     // The index file's text, kept for both: the record is what the entry's length measures.
     return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
   }
   // Records are text: only what precedes a NUL byte is stored.
-  const std::string text(record.c_str());
-  return operator_.WriteFile(text, offset);
+  return operator_.WriteFile(record.substr(0, record.find('\0')), offset);
 }
 
 CError CFileContent::ReadContent(IndexData& entry, std::string& out) {

@@ -4,6 +4,7 @@
 #define NUV_FILE_FILECONTENT_H
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/error.h"
@@ -14,7 +15,7 @@ class CFileContent {
  public:
   CError InitFilePath(const std::string& path);
   // Appends the record up to its first NUL byte; `offset` is where it starts.
-  CError WriteContent(const std::string& record, int& offset);
+  CError WriteContent(std::string_view record, int& offset);
   // The record `entry` locates; 209 when it ends at the end of the file.
   CError ReadContent(IndexData& entry, std::string& out);
   // The records of `entries` in order; the last read's result.

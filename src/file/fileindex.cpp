@@ -24,11 +24,28 @@ std::vector<std::string> SplitAtEveryBlank(const std::string& line) {
 
 }  // namespace
 
+size_t IndexData::Format(char (&line)[32]) const {
+  if (offset > static_cast<unsigned int>(INT_MAX) || length > static_cast<unsigned int>(INT_MAX)) {
+    // Shown as the negative ints they become, as the format has always shown them.
+    const int n = std::snprintf(line, sizeof line, "%010d %010d\n", static_cast<int>(offset),
+                                static_cast<int>(length));
+    return n > 0 ? static_cast<size_t>(n) : 0;
+  }
+  // Both fit ten digits: written by hand, since this runs for every stored record.
+  auto digits = [](unsigned int value, char* out) {
+    for (int i = 9; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+  };
+  digits(offset, line);
+  line[10] = ' ';
+  digits(length, line + 11);
+  line[21] = '\n';
+  line[22] = '\0';
+  return kIndexLineSize;
+}
+
 std::string IndexData::ToString() const {
-  char buffer[32] = {0};
-  std::snprintf(buffer, sizeof(buffer), "%010d %010d\n", static_cast<int>(offset),
-                static_cast<int>(length));
-  return buffer;
+  char line[32];
+  return std::string(line, Format(line));
 }
 
 bool IndexData::StringToIndex(const std::string& line) {
@@ -73,7 +90,8 @@ CError CFileIndex::WriteIndex(IndexData& entry) {
     return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
   }
   int offset = 0;
-  return operator_.WriteFile(entry.ToString(), offset);
+  char line[32];
+  return operator_.WriteFile(std::string_view(line, entry.Format(line)), offset);
 }
 
 CError CFileIndex::ReadIndex(unsigned int n, IndexData& entry) {

@@ -20,6 +20,8 @@ struct IndexData {
 
   // The 22-byte line of this entry.
   std::string ToString() const;
+  // The same line written into `line`, without an allocation; returns its length.
+  size_t Format(char (&line)[32]) const;
   // Parses one line; false, with the entry unchanged, when it is not an index line.
   bool StringToIndex(const std::string& line);
   bool IsValid() const { return length != 0; }

@@ -38,7 +38,7 @@ CError CFileManager::OnUnit(CFileClassify& classify, const Op& op) {
   return unit == nullptr ? NoUnit(openError) : op(*unit);
 }
 
-CError CFileManager::WriteFile(CFileClassify& classify, const std::string& record) {
+CError CFileManager::WriteFile(CFileClassify& classify, std::string_view record) {
   return OnUnit(classify, [&](CFileUnit& unit) { return unit.WriteFile(record); });
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/error.h"
@@ -26,7 +27,7 @@ class CFileManager {
 
   // Stream access, each under the exclusive lock (reads move file positions and may open
   // units). Results of the unit pass through; 209 counts as success.
-  CError WriteFile(CFileClassify& classify, const std::string& record);
+  CError WriteFile(CFileClassify& classify, std::string_view record);
   CError ReadFile(CFileClassify& classify, int n, std::string& out);
   CError ReadBatchFile(CFileClassify& classify, unsigned int start, unsigned int count,
                        unsigned int& next, std::vector<std::string>& out);

@@ -33,7 +33,10 @@ CError CFileOperator::InitOperator(const std::string& path) {
   if (write_ != nullptr) {
     read_ = nuv_file_open(path.c_str(), "rb+");
   }
-  if (write_ == nullptr || read_ == nullptr) {
+  if (write_ != nullptr && read_ != nullptr) {
+    const uint64_t size = nuv_file_handle_size(write_);
+    end_ = size == NUV_FILE_SIZE_UNKNOWN ? 0 : size;
+  } else {
     // An operator must be able to tell a full descriptor table from a bad path.
     const bool noDescriptors = errno == EMFILE || errno == ENFILE;
     const std::string shown = noDescriptors ? path + " (too many open files)" : path;
@@ -85,7 +88,7 @@ CError CFileOperator::ReadFile(int offset, int length, std::string& out, int& ne
   return result;
 }
 
-CError CFileOperator::WriteFile(const std::string& data, int& offset) {
+CError CFileOperator::WriteFile(std::string_view data, int& offset) {
   if (data.empty()) {
     return CError();
   }
@@ -93,8 +96,10 @@ CError CFileOperator::WriteFile(const std::string& data, int& offset) {
     offset = 0;
     return CError::CreateError(kFileErrOpen, "open file failed, path = %s", path_.c_str());
   }
-  offset = static_cast<int>(nuv_file_ftell(write_));
-  if (nuv_file_write(write_, data.data(), data.size()) < data.size()) {
+  offset = static_cast<int>(end_);
+  const size_t written = nuv_file_write(write_, data.data(), data.size());
+  end_ += written;
+  if (written < data.size()) {
     offset = 0;
     return CError::CreateError(kFileErrWrite, "write file failed, path = %s", path_.c_str());
   }
@@ -109,6 +114,7 @@ CError CFileOperator::Truncate(uint64_t size) {
                path_.c_str(), static_cast<unsigned long long>(size), errno);
     return CError::CreateError(kFileErrWrite, "write file failed, path = %s", path_.c_str());
   }
+  end_ = size;
   return CError();
 }
 
@@ -149,4 +155,5 @@ void CFileOperator::Reset() {
     read_ = nullptr;
   }
   path_.clear();
+  end_ = 0;
 }

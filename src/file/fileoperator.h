@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "common/error.h"
 #include "nuv_file.h"
@@ -31,9 +32,10 @@ class CFileOperator {
   // Up to `length` bytes at `offset`. 209 when the read consumed the last byte of the file
   // (with data); 208 at or beyond the end. `next` is the position after what was read.
   CError ReadFile(int offset, int length, std::string& out, int& next);
-  // Appends `data`; `offset` receives the append handle's position before it. On 205 part of
+  // Appends `data`; `offset` receives where it lands: the file's end, kept from its size at
+  // opening, the bytes written and the cuts, so no system call asks for it. On 205 part of
   // `data` may have reached the file: the owner cuts it back.
-  CError WriteFile(const std::string& data, int& offset);
+  CError WriteFile(std::string_view data, int& offset);
   // Cuts the file on disk to `size` bytes.
   CError Truncate(uint64_t size);
 
@@ -50,6 +52,7 @@ class CFileOperator {
   nuv_file_t* read_ = nullptr;
   nuv_file_t* write_ = nullptr;
   std::string path_;
+  uint64_t end_ = 0;
 };
 
 #endif

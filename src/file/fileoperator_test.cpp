@@ -53,8 +53,15 @@ TEST(FileOperatorTest, WritesAppendVisibleAtOnceAndCutsKeepAppending) {
   EXPECT_EQ(op.GetFileLines(), 1);
   ASSERT_TRUE(op.Truncate(3).IsSuccess());
   ASSERT_TRUE(op.WriteFile("p", offset).IsSuccess());
+  EXPECT_EQ(offset, 3);
   op.Flush();
   EXPECT_EQ(nuvtest::ReadFile(path), "help");
+  // Reopened on a file with data, the first record lands at its end, and is reported there.
+  CFileOperator again;
+  ASSERT_TRUE(again.InitOperator(path).IsSuccess());
+  ASSERT_TRUE(again.WriteFile("!", offset).IsSuccess());
+  EXPECT_EQ(offset, 4);
+  EXPECT_EQ(nuvtest::ReadFile(path), "help!");
 }
 
 TEST(FileContentTest, RecordsAreTextAndReadWholeOnlyToTheEnd) {
@@ -98,6 +105,9 @@ TEST(FileContentTest, RecordsAreTextAndReadWholeOnlyToTheEnd) {
 
 TEST(FileIndexTest, LinesAreTwentyTwoBytes) {
   EXPECT_EQ(IndexData(17, 5).ToString(), "0000000017 0000000005\n");
+  // Digits written by hand up to the largest int; past it, the negative int the format shows.
+  EXPECT_EQ(IndexData(2147483647u, 0).ToString(), "2147483647 0000000000\n");
+  EXPECT_EQ(IndexData(4294967295u, 2147483648u).ToString(), "-000000001 -2147483648\n");
   for (const char* line : {"0000000017 0000000005\n", "0000000017  0000000005\n",
                            " 0000000017 0000000005\n", "00000000x7 0000000005\n",
                            "0000000017 \n", "0000000017\n", ""}) {

@@ -90,7 +90,7 @@ void CFileUnit::TakeOpenedSizes() {
   flushedContentOffset_ = 0;
 }
 
-CError CFileUnit::WriteFile(const std::string& record) {
+CError CFileUnit::WriteFile(std::string_view record) {
   if (cutPending_ && !CutBackToLastRecord()) {
     return CError::CreateError(kFileErrWrite, "write file failed, path = %s",
                                contentPath_.c_str());
@@ -101,7 +101,7 @@ CError CFileUnit::WriteFile(const std::string& record) {
   }
   // The content file would keep the record only up to a NUL while the index counts all of
   // it, and every later record would then be read from the wrong place.
-  if (record.find('\0') != std::string::npos) {
+  if (record.find('\0') != std::string_view::npos) {
     return CError::CreateError(kErrParam, "parameters invalid, %s", "record holds a NUL byte");
   }
   int offset = 0;

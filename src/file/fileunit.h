@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/error.h"
@@ -35,7 +36,7 @@ class CFileUnit {
   CFileUnit& operator=(const CFileUnit&) = delete;
 
   CError InitFileUint(CFileClassify& classify);
-  CError WriteFile(const std::string& record);
+  CError WriteFile(std::string_view record);
   CError ReadFile(int n, std::string& out);
   CError ReadBatchFile(unsigned int start, unsigned int count, unsigned int& next,
                        std::vector<std::string>& out);
