@@ -18,6 +18,14 @@ class ServingDaemonTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(tree_.ok());
+    // Posters here outrun the default 10 MiB a stream may hold before it starts again empty,
+    // which would drop acknowledged records by design.
+    std::string config = ReadFile(tree_.ConfigPath());
+    const std::string limit = "\"file_size\": 10";
+    const size_t at = config.find(limit);
+    ASSERT_NE(at, std::string::npos);
+    config.replace(at, limit.size(), "\"file_size\": 1000");
+    ASSERT_TRUE(WriteFile(tree_.ConfigPath(), config));
     setenv("NUV_COMM_DIR", tree_.Sub("comm").c_str(), 1);
     ASSERT_EQ(nuv_comm_init(), 0);
     ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
