@@ -70,17 +70,18 @@ int Shipper::Run(const volatile std::sig_atomic_t* stop, bool once) {
       first = false;
     }
     const bool fed = Feed();
-    sink_->Poll(fed ? 0 : kIdleWaitMs);
+    // Run once, a look that found nothing to send and nothing outstanding ends the run: no
+    // confirmation can come, so it does not wait for one.
+    const bool done =
+        once && scan && !fed && !Outstanding() && archive_ == nullptr && !archivePending_;
+    sink_->Poll(fed || done ? 0 : kIdleWaitMs);
     Tick();
     if (!ReplaceBrokenSink()) return 1;
     CheckHealth();
     Progress();
     Commit(false);
     idle = !fed && freeSlots_.size() == slots_.size();
-    if (once && scan && idle && archive_ == nullptr && !archivePending_ &&
-        state_.unconfirmedSince == 0) {
-      break;
-    }
+    if (done && state_.unconfirmedSince == 0) break;
   }
   sink_->Drain(5000);
   Tick();
@@ -315,12 +316,18 @@ void Shipper::Rewind(Stream& s) {
   s.retryAt = steadyNow_ + kRetryMs;
 }
 
+// Records in flight, or a stream waiting to send failed records again.
+bool Shipper::Outstanding() const {
+  if (freeSlots_.size() != slots_.size()) return true;
+  for (const auto& entry : streams_) {
+    if (entry.second.retryAt > steadyNow_) return true;
+  }
+  return false;
+}
+
 void Shipper::CheckHealth() {
   const int64_t now = wallNow_;
-  bool waiting = freeSlots_.size() != slots_.size();
-  for (auto it = streams_.begin(); it != streams_.end() && !waiting; ++it) {
-    waiting = it->second.retryAt > steadyNow_;
-  }
+  const bool waiting = Outstanding();
   if (!waiting) {
     dirty_ = dirty_ || state_.unconfirmedSince != 0;
     state_.unconfirmedSince = 0;
