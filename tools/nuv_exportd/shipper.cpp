@@ -160,8 +160,10 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
   // An archive's files never change, so what blocked a stream of it stays.
   if (!fromArchive) {
     s.blocked = false;
-    const uint64_t inode = InodeOf(files.indexPath);
-    if ((c.inode != 0 && inode != c.inode) || stored < c.shipped) {
+    const FileIdentity file = IdentityOf(files.indexPath);
+    const bool replaced = (c.inode != 0 && file.inode != c.inode) ||
+                          (c.bornNs != 0 && file.bornNs != 0 && file.bornNs != c.bornNs);
+    if (replaced || stored < c.shipped) {
       // The daemon deleted the stream at its size limit and started it again.
       if (s.inflight != 0) {
         s.blocked = true;
@@ -179,8 +181,9 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
       s.confirmedAhead.clear();
       dirty_ = true;
     }
-    if (c.inode != inode) dirty_ = true;
-    c.inode = inode;
+    if (c.inode != file.inode || c.bornNs != file.bornNs) dirty_ = true;
+    c.inode = file.inode;
+    c.bornNs = file.bornNs;
   }
   if (c.stored != stored) {
     c.stored = stored;
