@@ -6,8 +6,10 @@
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -209,9 +211,9 @@ class ExportKafka : public ::testing::Test {
   void PostPoints(int from, int to) {
     for (int i = from; i < to; ++i) ASSERT_EQ(nuvtest::PostOnBus("maintenance:POST", Point(i)), 0);
   }
-  void StartExporter() {
+  void StartExporter(const std::string& extraEnv = "NUV_TICK_SCALE=1") {
     exporter_ = nuvtest::Spawn({tree_.Sub("bin/nuv_exportd")},
-                               {"NUV_LOG_FILE=" + tree_.Sub("export.log")}, "",
+                               {"NUV_LOG_FILE=" + tree_.Sub("export.log"), extraEnv}, "",
                                tree_.Sub("export.out"), tree_.Sub("export.err"));
     ASSERT_GT(exporter_, 0);
   }
@@ -266,6 +268,22 @@ class ExportKafka : public ::testing::Test {
     return duplicates;
   }
 
+  // Waits up to 30 s until the exporter's log holds `text`; the line holding it.
+  std::string WaitForLog(const std::string& text) {
+    for (int i = 0; i < 3000; ++i) {
+      for (const std::string& line : nuvtest::ReadLines(tree_.Sub("export.log"))) {
+        if (line.find(text) != std::string::npos) return line;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return "";
+  }
+  void SlowAcknowledgements(int ms) {
+    for (int broker = 1; broker <= 3; ++broker) {
+      rd_kafka_mock_broker_set_rtt(cluster_.get(), broker, ms);
+    }
+  }
+
   nuvtest::DaemonTree tree_{{"nuv_maintd", "nuvctl", "nuv_exportd"}};
   MockCluster cluster_;
   int exporter_ = -1;
@@ -280,9 +298,7 @@ TEST_F(ExportKafka, KilledMidStreamResumesWithoutLossDespiteBrokerErrors) {
             0);
   // Slow acknowledgements keep records in flight, and refused produce requests make the
   // producer retry (the first ones) or fail records back to the exporter (the last one).
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 1, 20);
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 2, 20);
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 3, 20);
+  SlowAcknowledgements(20);
   rd_kafka_mock_push_request_errors(cluster_.get(), kProduceApi, 4,
                                     RD_KAFKA_RESP_ERR_NOT_LEADER_FOR_PARTITION,
                                     RD_KAFKA_RESP_ERR_REQUEST_TIMED_OUT,
@@ -298,11 +314,10 @@ TEST_F(ExportKafka, KilledMidStreamResumesWithoutLossDespiteBrokerErrors) {
   EXPECT_EQ(StopExporter(SIGKILL), 128 + SIGKILL);
   ASSERT_GT(shipped, 0u);
   ASSERT_LT(shipped, 1501u);
-  EXPECT_EQ(tree_.Nuvctl({"export", "status"}).code, 0);
+  const nuvtest::RunResult killed = tree_.Nuvctl({"export", "status"});
+  EXPECT_EQ(killed.code, 0) << killed.out << killed.err;
 
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 1, 0);
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 2, 0);
-  rd_kafka_mock_broker_set_rtt(cluster_.get(), 3, 0);
+  SlowAcknowledgements(0);
   StartExporter();
   PostPoints(1500, 1800);  // while it catches up
   ASSERT_TRUE(WaitForShipped(1801)) << last_.out;
@@ -329,6 +344,46 @@ TEST_F(ExportKafka, BrokersRefusingLongerThanTheLimitRaiseAnAlarmUntilTheyAccept
   ASSERT_TRUE(WaitForShipped(30)) << last_.out;
   EXPECT_EQ(StopExporter(SIGTERM), 0);
   EXPECT_EQ(ExpectTopicHoldsStore(), 0u);
+}
+
+// More than 10 000 records waiting get a progress line every 5 s (50 ms here: the ticks run
+// 100 times faster) while slow acknowledgements hold the exporter back.
+TEST_F(ExportKafka, LargeBacklogLogsProgressWhileCatchingUp) {
+  // Written straight into the store, as the daemon lays out a stream: 12 000 posts would take
+  // the test's time for nothing.
+  char day[16];
+  const std::time_t now = std::time(nullptr);
+  std::strftime(day, sizeof day, "%Y%m%d", std::localtime(&now));
+  const std::string dir = tree_.Sub("data/") + day + "/bulk";
+  ::mkdir(tree_.Sub("data").c_str(), 0750);
+  ::mkdir(tree_.Sub("data/" + std::string(day)).c_str(), 0750);
+  ASSERT_EQ(::mkdir(dir.c_str(), 0750), 0);
+  std::string index;
+  std::string content;
+  for (int i = 0; i < 12000; ++i) {
+    const std::string record = Point(i);
+    char line[32];
+    std::snprintf(line, sizeof line, "%010zu %010zu\n", content.size(), record.size());
+    index += line;
+    content += record;
+  }
+  ASSERT_TRUE(nuvtest::WriteFile(dir + "/bulk-9-256", content));
+  ASSERT_TRUE(nuvtest::WriteFile(dir + "/index-bulk-9-256", index));
+
+  SlowAcknowledgements(20);
+  StartExporter("NUV_TICK_SCALE=100");
+  const std::string line = WaitForLog("catching up: ");
+  ASSERT_NE(line, "") << nuvtest::ReadFile(tree_.Sub("export.log"));
+  EXPECT_EQ(StopExporter(SIGTERM), 0);
+  unsigned long long waiting = 0;
+  unsigned long long confirmed = 0;
+  ASSERT_EQ(std::sscanf(line.c_str() + line.find("catching up: "),
+                        "catching up: %llu records to ship, %llu confirmed in the last 5 s",
+                        &waiting, &confirmed),
+            2)
+      << line;
+  EXPECT_GE(waiting, 10000u) << line;
+  EXPECT_LE(waiting + confirmed, 12000u) << line;
 }
 
 }  // namespace

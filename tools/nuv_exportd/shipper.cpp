@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 
 #include "common/log.h"
@@ -20,11 +19,8 @@ constexpr uint64_t kProgressBacklog = 10000;  // a backlog this large gets progr
 constexpr int64_t kHeartbeatMs = 5000;     // the state is rewritten at least this often
 constexpr int kIdleWaitMs = 50;
 
-int64_t SteadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
+// The platform's tick count, so NUV_TICK_SCALE shortens the intervals in tests.
+int64_t SteadyMs() { return static_cast<int64_t>(nuv_time_get_tick_cout()); }
 
 unsigned long long U(uint64_t value) { return static_cast<unsigned long long>(value); }
 
