@@ -124,7 +124,8 @@ bool SaveState(const std::string& path, const ExportState& state, std::string& e
     json_object_set_new(item, "shipped", json_integer(static_cast<json_int_t>(entry.second.shipped)));
     json_object_set_new(item, "stored", json_integer(static_cast<json_int_t>(entry.second.stored)));
     json_object_set_new(item, "inode", json_integer(static_cast<json_int_t>(entry.second.inode)));
-    json_object_set_new(item, "born_ns", json_integer(static_cast<json_int_t>(entry.second.bornNs)));
+    json_object_set_new(item, "born_ns",
+                        json_integer(static_cast<json_int_t>(entry.second.bornNs)));
     json_object_set_new(item, "caught_up_at", json_integer(entry.second.caughtUpAt));
     json_array_append_new(streams, item);
   }

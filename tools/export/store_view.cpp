@@ -163,7 +163,8 @@ FileIdentity IdentityOf(const std::string& path) {
   if (::statx(AT_FDCWD, path.c_str(), 0, STATX_INO | STATX_BTIME, &st) != 0) return identity;
   identity.inode = st.stx_ino;
   if ((st.stx_mask & STATX_BTIME) != 0) {
-    identity.bornNs = static_cast<uint64_t>(st.stx_btime.tv_sec) * 1000000000u + st.stx_btime.tv_nsec;
+    identity.bornNs =
+        static_cast<uint64_t>(st.stx_btime.tv_sec) * 1000000000u + st.stx_btime.tv_nsec;
   }
   return identity;
 }
