@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian package into a fresh Debian bookworm root and uses it as an operator
-# would: the unit verifies, the installed daemon starts, the installed nuvctl posts a burying
-# point and reads it back, the daemon stops cleanly, the package removes and purges.
+# would: the units verify, the installed daemon starts, the installed nuvctl posts a burying
+# point and reads it back, the installed exporter ships it as NDJSON, both stop cleanly, the
+# package removes and purges.
 #
 # The root (amd64 minbase plus systemd and man-db) is made once with debootstrap under
 # NUV_PKG_ROOT (default /var/tmp/nuv-pkg-root) and never changed: each run works on an
@@ -94,14 +95,18 @@ check "apt-get update" apt-get update -qq >/dev/null
 check "the package does not install" apt-get install -y -qq --no-install-recommends \
   "/tmp/$(basename "$deb")" >/dev/null
 
-say "checking the layout and the unit"
+say "checking the layout and the units"
 check "nuvctl is not on the PATH" sh -c 'command -v nuvctl' >/dev/null
-check "the configuration link is broken" test -f /opt/nuv-maintenance/config/maintenance.json
-check "the conffile is not registered" sh -c \
-  'dpkg-query -W -f="\${Conffiles}" nuv-maintenance | grep -q /etc/nuv-maintenance/maintenance.json'
-check "man pages missing" sh -c 'man -w nuv_maintd && man -w nuvctl' >/dev/null
-verify=$(check "systemd-analyze verify fails" systemd-analyze verify nuv-maintd.service)
-[ -z "$verify" ] || { printf '%s\n' "$verify" >&2; die "systemd-analyze verify is not clean"; }
+for conffile in maintenance.json exportd.json; do
+  check "the conffile $conffile is not registered" sh -c \
+    "dpkg-query -W -f='\${Conffiles}' nuv-maintenance | grep -q /etc/nuv-maintenance/$conffile"
+  check "the configuration link $conffile is broken" test -f "/opt/nuv-maintenance/config/$conffile"
+done
+check "man pages missing" sh -c 'man -w nuv_maintd && man -w nuvctl && man -w nuv_exportd' >/dev/null
+for unit in nuv-maintd.service nuv-exportd.service; do
+  verify=$(check "systemd-analyze verify $unit fails" systemd-analyze verify "$unit")
+  [ -z "$verify" ] || { printf '%s\n' "$verify" >&2; die "systemd-analyze verify $unit is not clean"; }
+done
 
 say "running the installed daemon as its unit does"
 mkdir -m 0700 "$sys/run/nuv-comm"
@@ -131,6 +136,32 @@ check "nuvctl monitors failed" env NUV_COMM_DIR=/run/nuv-comm nuvctl monitors | 
   die "monitors does not list the configured monitor"
 check "the record is not under /var/lib" test -s "/var/lib/nuv-maintenance/$day/pkgagent/pkgagent-0-512" >/dev/null
 
+say "running the installed exporter as its unit does, writing NDJSON"
+conf=$sys/etc/nuv-maintenance/exportd.json
+grep -q '"state_dir": "/var/lib/nuv-exportd"' "$conf" || die "exportd.json as shipped: $(cat "$conf")"
+sed -i 's|"output": "kafka"|"output": "ndjson"|; s|"ndjson_file": "-"|"ndjson_file": "/var/lib/nuv-exportd/out.ndjson"|' "$conf"
+mkdir -m 0750 "$sys/var/lib/nuv-exportd"  # the unit's StateDirectory=
+chroot "$sys" "${root_env[@]}" /opt/nuv-maintenance/bin/nuv_exportd \
+  >"$work/exportd.out" 2>"$work/exportd.err" &
+exporter=$!
+shipped=$sys/var/lib/nuv-exportd/out.ndjson
+for _ in $(seq 100); do
+  [ -s "$shipped" ] && break
+  kill -0 "$exporter" 2>/dev/null || { cat "$work/exportd.err" >&2; die "the exporter exited"; }
+  sleep 0.1
+done
+escaped=${posted//\\/\\\\}
+escaped=${escaped//\"/\\\"}
+expected="{\"day\":\"$day\",\"name\":\"pkgagent\",\"pid\":0,\"type\":512,\"offset\":0,\"record\":\"$escaped\"}"
+[ "$(cat "$shipped" 2>/dev/null)" = "$expected" ] ||
+  { cat "$work/exportd.err" >&2; die "the exporter wrote '$(cat "$shipped" 2>/dev/null)', not '$expected'"; }
+kill -TERM "$exporter"
+rc=0
+wait "$exporter" || rc=$?
+[ "$rc" -eq 0 ] || { cat "$work/exportd.err" >&2; die "the exporter exited $rc on SIGTERM"; }
+grep -q '"shipped": 1' "$sys/var/lib/nuv-exportd/cursor.json" ||
+  die "the cursor does not hold the shipped record: $(cat "$sys/var/lib/nuv-exportd/cursor.json")"
+
 kill -TERM "$daemon"
 rc=0
 wait "$daemon" || rc=$?
@@ -142,7 +173,8 @@ say "removing and purging"
 check "removal failed" dpkg -r nuv-maintenance >/dev/null
 check "the data went with the removal" test -d /var/lib/nuv-maintenance
 check "purge failed" dpkg -P nuv-maintenance >/dev/null
-for path in /opt/nuv-maintenance /usr/bin/nuvctl /etc/nuv-maintenance /var/lib/nuv-maintenance; do
+for path in /opt/nuv-maintenance /usr/bin/nuvctl /etc/nuv-maintenance /var/lib/nuv-maintenance \
+  /var/lib/nuv-exportd; do
   [ ! -e "$sys$path" ] && [ ! -L "$sys$path" ] || die "$path left after purge"
 done
 say "passed"

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  librdkafka-dev
+  librdkafka-dev libmimalloc-dev
   libjansson-dev libmuparser-dev libproc2-dev libmd-dev libmurmurhash-dev uuid-dev
   libgtest-dev libbenchmark-dev libsystemd-dev
   tar gzip procps socat

@@ -14,8 +14,10 @@
 
 namespace {
 
-std::string Point(const std::string& focus, int i) {
-  return nuvtest::TimingPoint(focus, R"("text":"line\ttab \u00e9 \"q\"","seq":)" + std::to_string(i));
+std::string Point(const std::string& focus, int i, int type = 256) {
+  std::string point =
+      nuvtest::TimingPoint(focus, R"("text":"line\ttab \u00e9 \"q\"","seq":)" + std::to_string(i));
+  return point.replace(point.find("256"), 3, std::to_string(type));
 }
 
 struct Line {
@@ -60,9 +62,11 @@ class ExportNdjson : public ::testing::Test {
     tree_.Stop();
     nuv_comm_uninit();
   }
-  void PostPoints(const std::string& focus, int from, int to) {
+  void PostPoints(const std::string& focus, int from, int to, int type = 256) {
     ASSERT_TRUE(tree_.StartServing()) << tree_.DaemonErr();
-    for (int i = from; i < to; ++i) ASSERT_EQ(nuvtest::PostOnBus("maintenance:POST", Point(focus, i)), 0);
+    for (int i = from; i < to; ++i) {
+      ASSERT_EQ(nuvtest::PostOnBus("maintenance:POST", Point(focus, i, type)), 0);
+    }
     ASSERT_EQ(tree_.Stop(), 0);
   }
   nuvtest::RunResult ExportOnce(const std::string& offset = "0") {
@@ -147,6 +151,36 @@ TEST_F(ExportNdjson, LinesMatchTheStoreAcrossTornTailsAndAPackedDay) {
   const nuvtest::RunResult done = Tomorrow({"export", "status", "--json"});
   EXPECT_EQ(done.code, 0);
   EXPECT_NE(done.out.find("\"archives_pending\": []"), std::string::npos) << done.out;
+}
+
+// The daemon deletes a stream past its size limit and starts it again, and the new files may
+// well get the old inode numbers back. The new stream is shipped from its first record, also
+// when it holds no fewer records than were shipped of the old one.
+TEST_F(ExportNdjson, StreamStartedAgainAtItsSizeLimitIsShippedFromItsStart) {
+  // A limit of 0 MiB: every record after a stream's first starts the stream again.
+  std::string config = nuvtest::ReadFile(tree_.ConfigPath());
+  const std::string none = "\"addition\": {}";
+  ASSERT_NE(config.find(none), std::string::npos);
+  config.replace(config.find(none), none.size(),
+                 R"("addition": {"small": {"file": {"path": ")" + tree_.Sub("small") +
+                     R"(", "cache": 1}, "clearn": {"day": 7, "file_size": 0}, "bp_type": 16384}})");
+  ASSERT_TRUE(nuvtest::WriteFile(tree_.ConfigPath(), config));
+
+  PostPoints("/usr/bin/tiny:7", 0, 1, 16384);
+  ASSERT_EQ(ExportOnce().code, 0) << nuvtest::ReadFile(tree_.Sub("export.log"));
+  PostPoints("/usr/bin/tiny:7", 1, 2, 16384);
+  ASSERT_EQ(ExportOnce().code, 0) << nuvtest::ReadFile(tree_.Sub("export.log"));
+
+  const std::vector<Line> lines = ReadNdjson(tree_.Sub("out.ndjson"));
+  ASSERT_EQ(lines.size(), 2u);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(lines[i].stream, "tiny 0 16384");
+    EXPECT_EQ(lines[i].offset, 0);  // each record opened a stream of its own
+    EXPECT_EQ(lines[i].record, Point("/usr/bin/tiny:7", i, 16384));
+  }
+  EXPECT_NE(nuvtest::ReadFile(tree_.Sub("export.log"))
+                .find("started again; shipping it from its first record"),
+            std::string::npos);
 }
 
 TEST_F(ExportNdjson, StatusUsage) {

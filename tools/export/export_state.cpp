@@ -98,6 +98,7 @@ bool LoadState(const std::string& path, ExportState& out, std::string& error) {
     cursor.shipped = Unsigned(item, "shipped");
     cursor.stored = Unsigned(item, "stored");
     cursor.inode = Unsigned(item, "inode");
+    cursor.bornNs = Unsigned(item, "born_ns");
     cursor.caughtUpAt = Signed(item, "caught_up_at");
   }
   json_array_foreach(json_object_get(root.get(), "archives_done"), i, item) {
@@ -123,6 +124,8 @@ bool SaveState(const std::string& path, const ExportState& state, std::string& e
     json_object_set_new(item, "shipped", json_integer(static_cast<json_int_t>(entry.second.shipped)));
     json_object_set_new(item, "stored", json_integer(static_cast<json_int_t>(entry.second.stored)));
     json_object_set_new(item, "inode", json_integer(static_cast<json_int_t>(entry.second.inode)));
+    json_object_set_new(item, "born_ns",
+                        json_integer(static_cast<json_int_t>(entry.second.bornNs)));
     json_object_set_new(item, "caught_up_at", json_integer(entry.second.caughtUpAt));
     json_array_append_new(streams, item);
   }

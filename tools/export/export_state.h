@@ -33,6 +33,7 @@ struct Cursor {
   uint64_t shipped = 0;     // index lines confirmed by the sink
   uint64_t stored = 0;      // whole index lines last seen
   uint64_t inode = 0;       // of the index file shipped from (0: an archive's copy)
+  uint64_t bornNs = 0;      // its birth time, where the file system keeps one
   int64_t caughtUpAt = 0;   // last time shipped reached stored (library clock)
 };
 

@@ -157,9 +157,16 @@ uint64_t WholeLines(const std::string& indexPath) {
                                              : 0;
 }
 
-uint64_t InodeOf(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_ino) : 0;
+FileIdentity IdentityOf(const std::string& path) {
+  FileIdentity identity;
+  struct statx st {};
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_INO | STATX_BTIME, &st) != 0) return identity;
+  identity.inode = st.stx_ino;
+  if ((st.stx_mask & STATX_BTIME) != 0) {
+    identity.bornNs =
+        static_cast<uint64_t>(st.stx_btime.tv_sec) * 1000000000u + st.stx_btime.tv_nsec;
+  }
+  return identity;
 }
 
 int64_t DayStart(const std::string& day) {

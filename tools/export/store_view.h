@@ -46,7 +46,14 @@ std::vector<DayArchive> ListArchives(const std::string& base);
 
 // Whole index lines of a file: its size / 22 (0 when it is missing).
 uint64_t WholeLines(const std::string& indexPath);
-uint64_t InodeOf(const std::string& path);
+// What tells a file from a later one at the same path: its inode number, which the file system
+// may hand out again as soon as the file is deleted, and its birth time in nanoseconds where the
+// file system keeps one (0 where it does not). All 0 when the file is missing.
+struct FileIdentity {
+  uint64_t inode = 0;
+  uint64_t bornNs = 0;
+};
+FileIdentity IdentityOf(const std::string& path);
 // Local midnight of a YYYYMMDD day, in seconds since the epoch.
 int64_t DayStart(const std::string& day);
 

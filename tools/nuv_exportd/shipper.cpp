@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 
 #include "common/log.h"
@@ -20,11 +19,8 @@ constexpr uint64_t kProgressBacklog = 10000;  // a backlog this large gets progr
 constexpr int64_t kHeartbeatMs = 5000;     // the state is rewritten at least this often
 constexpr int kIdleWaitMs = 50;
 
-int64_t SteadyMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
+// The platform's tick count, so NUV_TICK_SCALE shortens the intervals in tests.
+int64_t SteadyMs() { return static_cast<int64_t>(nuv_time_get_tick_cout()); }
 
 unsigned long long U(uint64_t value) { return static_cast<unsigned long long>(value); }
 
@@ -70,17 +66,18 @@ int Shipper::Run(const volatile std::sig_atomic_t* stop, bool once) {
       first = false;
     }
     const bool fed = Feed();
-    sink_->Poll(fed ? 0 : kIdleWaitMs);
+    // Run once, a look that found nothing to send and nothing outstanding ends the run: no
+    // confirmation can come, so it does not wait for one.
+    const bool done =
+        once && scan && !fed && !Outstanding() && archive_ == nullptr && !archivePending_;
+    sink_->Poll(fed || done ? 0 : kIdleWaitMs);
     Tick();
     if (!ReplaceBrokenSink()) return 1;
     CheckHealth();
     Progress();
     Commit(false);
     idle = !fed && freeSlots_.size() == slots_.size();
-    if (once && scan && idle && archive_ == nullptr && !archivePending_ &&
-        state_.unconfirmedSince == 0) {
-      break;
-    }
+    if (done && state_.unconfirmedSince == 0) break;
   }
   sink_->Drain(5000);
   Tick();
@@ -159,8 +156,10 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
   // An archive's files never change, so what blocked a stream of it stays.
   if (!fromArchive) {
     s.blocked = false;
-    const uint64_t inode = InodeOf(files.indexPath);
-    if ((c.inode != 0 && inode != c.inode) || stored < c.shipped) {
+    const FileIdentity file = IdentityOf(files.indexPath);
+    const bool replaced = (c.inode != 0 && file.inode != c.inode) ||
+                          (c.bornNs != 0 && file.bornNs != 0 && file.bornNs != c.bornNs);
+    if (replaced || stored < c.shipped) {
       // The daemon deleted the stream at its size limit and started it again.
       if (s.inflight != 0) {
         s.blocked = true;
@@ -178,8 +177,9 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
       s.confirmedAhead.clear();
       dirty_ = true;
     }
-    if (c.inode != inode) dirty_ = true;
-    c.inode = inode;
+    if (c.inode != file.inode || c.bornNs != file.bornNs) dirty_ = true;
+    c.inode = file.inode;
+    c.bornNs = file.bornNs;
   }
   if (c.stored != stored) {
     c.stored = stored;
@@ -315,12 +315,18 @@ void Shipper::Rewind(Stream& s) {
   s.retryAt = steadyNow_ + kRetryMs;
 }
 
+// Records in flight, or a stream waiting to send failed records again.
+bool Shipper::Outstanding() const {
+  if (freeSlots_.size() != slots_.size()) return true;
+  for (const auto& entry : streams_) {
+    if (entry.second.retryAt > steadyNow_) return true;
+  }
+  return false;
+}
+
 void Shipper::CheckHealth() {
   const int64_t now = wallNow_;
-  bool waiting = freeSlots_.size() != slots_.size();
-  for (auto it = streams_.begin(); it != streams_.end() && !waiting; ++it) {
-    waiting = it->second.retryAt > steadyNow_;
-  }
+  const bool waiting = Outstanding();
   if (!waiting) {
     dirty_ = dirty_ || state_.unconfirmedSince != 0;
     state_.unconfirmedSince = 0;

@@ -63,6 +63,7 @@ class Shipper {
   void OnConfirm(uint32_t slot, bool ok, const std::string& error);
   void Fail(Stream& stream, uint64_t line, const std::string& why);
   void Rewind(Stream& stream);
+  bool Outstanding() const;
   void CheckHealth();
   bool Commit(bool force);
   void Progress();
