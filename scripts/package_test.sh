@@ -41,8 +41,9 @@ stamp=$root/.nuv-pkg-complete
 logf=$root.log
 if [ ! -f "$stamp" ]; then
   command -v debootstrap >/dev/null || "$here/setup.sh"
-  mirror=$("$here/i386.sh" --print-mirrors | sed -n 's/^mirror: //p')
-  [ -n "$mirror" ] || die "no apt mirror found in the host's sources"
+  # shellcheck source-path=SCRIPTDIR source=lib/mirror.sh
+  . "$here/lib/mirror.sh"
+  mirror=$(nuv_mirror bookworm) || die "the host's apt configuration has no source for bookworm"
   say "creating the bookworm root in $root from $mirror (once; takes a few minutes)"
   rm -rf --one-file-system "$root"
   mkdir -p "$root"
