@@ -134,18 +134,7 @@ void CFileOperator::Flush() {
   }
 }
 
-void CFileOperator::Close() {
-  if (write_ != nullptr) {
-    nuv_file_close(write_);
-    write_ = nullptr;
-    if (read_ != nullptr) {
-      nuv_file_close(read_);
-      read_ = nullptr;
-    }
-  }
-}
-
-void CFileOperator::Reset() {
+void CFileOperator::CloseHandles() {
   if (write_ != nullptr) {
     nuv_file_close(write_);
     write_ = nullptr;
@@ -154,6 +143,15 @@ void CFileOperator::Reset() {
     nuv_file_close(read_);
     read_ = nullptr;
   }
+}
+
+void CFileOperator::Close() {
+  // A reader without its writer is left to Reset.
+  if (write_ != nullptr) CloseHandles();
+}
+
+void CFileOperator::Reset() {
+  CloseHandles();
   path_.clear();
   end_ = 0;
 }

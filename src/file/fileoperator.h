@@ -49,6 +49,7 @@ class CFileOperator {
   void Reset();
 
  private:
+  void CloseHandles();
   nuv_file_t* read_ = nullptr;
   nuv_file_t* write_ = nullptr;
   std::string path_;
