@@ -1,13 +1,5 @@
 #include "file/filecontent.h"
 
-CError CFileContent::InitFilePath(const std::string& path) {
-  CError result = operator_.InitOperator(path);
-  if (result.IsSuccess()) {
-    path_ = path;
-  }
-  return result;
-}
-
 CError CFileContent::WriteContent(std::string_view record, int& offset) {
   if (record.empty()) {
     // The index file's text, kept for both: the record is what the entry's length measures.

@@ -9,11 +9,10 @@
 
 #include "common/error.h"
 #include "file/fileindex.h"
-#include "file/fileoperator.h"
+#include "file/storefile.h"
 
-class CFileContent {
+class CFileContent : public CStoreFile {
  public:
-  CError InitFilePath(const std::string& path);
   // Appends the record up to its first NUL byte; `offset` is where it starts.
   CError WriteContent(std::string_view record, int& offset);
   // The record `entry` locates; 209 when it ends at the end of the file.
@@ -24,16 +23,7 @@ class CFileContent {
   // end of the file; otherwise no records.
   CError ReadAllContent(std::vector<IndexData>& entries, std::vector<std::string>& out);
 
-  int GetOffset() { return operator_.GetFileOffset(); }
   std::string GetFileContentPath() const { return path_; }
-  CFileOperator& GetOperator() { return operator_; }
-
-  void Flush() { operator_.Flush(); }
-  void CloseFile() { operator_.Close(); }
-
- private:
-  std::string path_;
-  CFileOperator operator_;
 };
 
 #endif

@@ -77,14 +77,6 @@ IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexDat
   return IndexLine::kStored;
 }
 
-CError CFileIndex::InitFilePath(const std::string& path) {
-  CError result = operator_.InitOperator(path);
-  if (result.IsSuccess()) {
-    path_ = path;
-  }
-  return result;
-}
-
 CError CFileIndex::WriteIndex(IndexData& entry) {
   if (!entry.IsValid()) {
     return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");

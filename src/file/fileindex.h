@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "common/error.h"
-#include "file/fileoperator.h"
+#include "file/storefile.h"
 
 constexpr int kIndexLineSize = 22;
 
@@ -37,9 +37,8 @@ enum class IndexLine { kStored, kNotALine, kEmptyRecord, kPastContent };
 // whenever the line parses.
 IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexData& entry);
 
-class CFileIndex {
+class CFileIndex : public CStoreFile {
  public:
-  CError InitFilePath(const std::string& path);
   CError WriteIndex(IndexData& entry);
   // Entry n (1-based); 209 for the last line of the file. A line that does not parse leaves
   // `entry` as passed.
@@ -52,17 +51,7 @@ class CFileIndex {
   CError ReadAllIndex(std::vector<IndexData>& out);
 
   int GetIndexCounts() { return operator_.GetFileLines(); }
-  int GetOffset() { return operator_.GetFileOffset(); }
   std::string GetIndexFilePath() const { return path_; }
-  // Raw access for crash repair, which inspects lines that ReadIndex would not report.
-  CFileOperator& GetOperator() { return operator_; }
-
-  void Flush() { operator_.Flush(); }
-  void CloseFile() { operator_.Close(); }
-
- private:
-  std::string path_;
-  CFileOperator operator_;
 };
 
 #endif
