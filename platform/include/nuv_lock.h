@@ -15,6 +15,9 @@
  * holds are never taken over. A thread never runs a critical section without the lock: every
  * acquire either returns 0 with the lock held, or an error with nothing taken.
  *
+ * A waiter spins for up to 20 us before it sleeps: the library's holds are shorter than a
+ * sleep and a wake-up.
+ *
  * Results: 0, or an errno value. */
 #ifndef NUV_LOCK_H
 #define NUV_LOCK_H

@@ -61,6 +61,10 @@ void nuv_lock_set_takeover_ms(unsigned int ms) {
 
 unsigned int nuv_lock_get_takeover_ms(void) { return takeover_ms(); }
 
+/* How long a waiter spins before it sleeps: a few holds of the store's lock, which last about
+ * a microsecond and a half each. A sleep and a wake-up cost more than that at every handover. */
+#define SPIN_NS 20000
+
 static int64_t now_ms(void) {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -138,15 +142,39 @@ static int self_holds(const struct nuv_rwlock *l) {
   return l->writer && pthread_equal(l->owner, pthread_self());
 }
 
+static int64_t now_ns(void) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
+}
+
+/* Without l->mu: waits a little while a writer holds the lock. */
+static void spin_while_written(struct nuv_rwlock *l) {
+  const int64_t until = now_ns() + SPIN_NS;
+  while (__atomic_load_n(&l->writer, __ATOMIC_RELAXED)) {
+    for (int i = 0; i < 16; i++) {
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+    }
+    if (now_ns() >= until) return;
+  }
+}
+
 /* With l->mu held: waits while a writer holds the lock; a hold older than the bound is taken
  * over (dropped, with a WARN). Returns when no writer holds it. */
 static void wait_no_writer(struct nuv_rwlock *l, const char *how) {
+  if (l->writer) {
+    pthread_mutex_unlock(&l->mu);
+    spin_while_written(l);
+    pthread_mutex_lock(&l->mu);
+  }
   while (l->writer) {
     int64_t limit = l->held_since_ms + (int64_t)takeover_ms();
     if (now_ms() >= limit) {
       unsigned long held = (unsigned long)(now_ms() - l->held_since_ms);
       long old_tid = l->owner_tid;
-      l->writer = 0;
+      __atomic_store_n(&l->writer, 0, __ATOMIC_RELAXED);
       l->hold_id++;
       nuv_log_output(NUV_LOG_WARN,
                      "[PID:%-5ld]\t[WARN]\t%-10s [%s(%d)] [nuv_rwlock]::lock %s held "
@@ -203,7 +231,7 @@ int nuv_rwlock_exclusive_acquire(nuv_rwlock_t *lock) {
     /* Readers always release: wait for them without a bound. */
     pthread_cond_wait(&lock->cv, &lock->mu);
   }
-  lock->writer = 1;
+  __atomic_store_n(&lock->writer, 1, __ATOMIC_RELAXED);
   lock->owner = pthread_self();
   lock->owner_tid = current_tid();
   lock->held_since_ms = now_ms();
@@ -219,7 +247,7 @@ int nuv_rwlock_exclusive_release(nuv_rwlock_t *lock) {
   if (!self_holds(lock)) {
     rc = EPERM; /* not ours, or taken over meanwhile */
   } else {
-    lock->writer = 0;
+    __atomic_store_n(&lock->writer, 0, __ATOMIC_RELAXED);
     pthread_cond_broadcast(&lock->cv);
   }
   pthread_mutex_unlock(&lock->mu);
