@@ -7,9 +7,6 @@ missing=()
 command -v kcat >/dev/null || missing+=(kafkacat)
 { [ -x /usr/sbin/syslog-ng ] && [ -x /usr/bin/loggen ]; } || missing+=(syslog-ng-core)
 [ ${#missing[@]} -eq 0 ] && exit 0
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-echo "bench setup: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# shellcheck source-path=SCRIPTDIR source=../scripts/lib/apt.sh
+. "$(dirname "$0")/../scripts/lib/apt.sh"
+nuv_apt_install "bench setup" "${missing[@]}"

@@ -22,9 +22,6 @@ for p in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-echo "setup: installing ${missing[*]}"
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# shellcheck source-path=SCRIPTDIR source=lib/apt.sh
+. "$(dirname "$0")/lib/apt.sh"
+nuv_apt_install setup "${missing[@]}"
