@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "common/utils.h"
 
@@ -77,13 +78,31 @@ IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexDat
   return IndexLine::kStored;
 }
 
-CError CFileIndex::WriteIndex(IndexData& entry) {
-  if (!entry.IsValid()) {
-    return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
+CError CFileIndex::WriteIndex(IndexData& entry) { return WriteIndex(&entry, 1); }
+
+CError CFileIndex::WriteIndex(const IndexData* entries, size_t count) {
+  // Lines go out a buffer at a time: one write for any run the store makes.
+  constexpr size_t kLinesPerWrite = 64;
+  char lines[kLinesPerWrite * kIndexLineSize];
+  for (size_t i = 0; i < count; ++i) {
+    if (!entries[i].IsValid()) {
+      return CError::CreateError(kErrParam, "parameters invalid, %s", "index data len = 0");
+    }
   }
-  int offset = 0;
-  char line[32];
-  return operator_.WriteFile(std::string_view(line, entry.Format(line)), offset);
+  for (size_t at = 0; at < count;) {
+    size_t used = 0;
+    for (size_t n = 0; n < kLinesPerWrite && at < count; ++n, ++at) {
+      char line[32];
+      const size_t size = entries[at].Format(line);
+      if (used + size > sizeof lines) break;
+      std::memcpy(lines + used, line, size);
+      used += size;
+    }
+    int offset = 0;
+    CError result = operator_.WriteFile(std::string_view(lines, used), offset);
+    if (!result.IsSuccess()) return result;
+  }
+  return CError();
 }
 
 CError CFileIndex::ReadIndex(unsigned int n, IndexData& entry) {

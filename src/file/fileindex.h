@@ -40,6 +40,9 @@ IndexLine CheckIndexLine(const std::string& line, uint64_t contentSize, IndexDat
 class CFileIndex : public CStoreFile {
  public:
   CError WriteIndex(IndexData& entry);
+  // The lines of `count` entries, in order, with as few writes as a bounded buffer allows. An
+  // invalid entry refuses them all, with nothing written.
+  CError WriteIndex(const IndexData* entries, size_t count);
   // Entry n (1-based); 209 for the last line of the file. A line that does not parse leaves
   // `entry` as passed.
   CError ReadIndex(unsigned int n, IndexData& entry);

@@ -1,5 +1,7 @@
 #include "file/filemanager.h"
 
+#include <algorithm>
+
 #include "common/log.h"
 #include "common/rwlock.h"
 #include "common/utils.h"
@@ -39,7 +41,33 @@ CError CFileManager::OnUnit(CFileClassify& classify, const Op& op) {
 }
 
 CError CFileManager::WriteFile(CFileClassify& classify, std::string_view record) {
-  return OnUnit(classify, [&](CFileUnit& unit) { return unit.WriteFile(record); });
+  CFileClassify* one = &classify;
+  CError result;
+  WriteFiles(&one, &record, 1, &result);
+  return result;
+}
+
+void CFileManager::WriteFiles(CFileClassify* const* classify, const std::string_view* records,
+                              size_t count, CError* results) {
+  CRwLockGuard guard(lock_, true);
+  if (!guard.Held()) {
+    std::fill(results, results + count, LockNotTaken());
+    return;
+  }
+  for (size_t at = 0; at < count;) {
+    // Consecutive records of one stream go to its unit together.
+    const uint64_t key = classify[at]->GetHashKey();
+    size_t run = 1;
+    while (at + run < count && classify[at + run]->GetHashKey() == key) ++run;
+    CError openError;
+    CFileUnit* unit = FindAndInsertNolock(*classify[at], &openError);
+    if (unit == nullptr) {
+      for (size_t i = 0; i < run; ++i) results[at + i] = NoUnit(openError);
+    } else {
+      unit->WriteFiles(records + at, run, results + at);
+    }
+    at += run;
+  }
 }
 
 CError CFileManager::ReadFile(CFileClassify& classify, int n, std::string& out) {

@@ -28,6 +28,10 @@ class CFileManager {
   // Stream access, each under the exclusive lock (reads move file positions and may open
   // units). Results of the unit pass through; 209 counts as success.
   CError WriteFile(CFileClassify& classify, std::string_view record);
+  // records[i] into the stream of classify[i], each with its own result, under one hold;
+  // consecutive records of one stream share their writes (CFileUnit::WriteFiles).
+  void WriteFiles(CFileClassify* const* classify, const std::string_view* records, size_t count,
+                  CError* results);
   CError ReadFile(CFileClassify& classify, int n, std::string& out);
   CError ReadBatchFile(CFileClassify& classify, unsigned int start, unsigned int count,
                        unsigned int& next, std::vector<std::string>& out);

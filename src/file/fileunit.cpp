@@ -91,37 +91,101 @@ void CFileUnit::TakeOpenedSizes() {
 }
 
 CError CFileUnit::WriteFile(std::string_view record) {
-  if (cutPending_ && !CutBackToLastRecord()) {
-    return CError::CreateError(kFileErrWrite, "write file failed, path = %s",
-                               contentPath_.c_str());
+  CError result;
+  WriteFiles(&record, 1, &result);
+  return result;
+}
+
+void CFileUnit::WriteFiles(const std::string_view* records, size_t count, CError* results) {
+  for (size_t at = 0; at < count;) {
+    if (cutPending_ && !CutBackToLastRecord()) {
+      results[at++] = CError::CreateError(kFileErrWrite, "write file failed, path = %s",
+                                          contentPath_.c_str());
+      continue;
+    }
+    if (!Reset()) {
+      results[at++] =
+          CError::CreateError(kFileErrReset, "reset file failed. index = %s, content = %s",
+                              indexPath_.c_str(), contentPath_.c_str());
+      continue;
+    }
+    // The content file would keep the record only up to a NUL while the index counts all of
+    // it, and every later record would then be read from the wrong place.
+    if (records[at].find('\0') != std::string_view::npos) {
+      results[at++] =
+          CError::CreateError(kErrParam, "parameters invalid, %s", "record holds a NUL byte");
+      continue;
+    }
+    const size_t run = RunLength(records + at, count - at);
+    const CError written = WriteRun(records + at, run);
+    for (size_t i = 0; i < run; ++i) results[at + i] = written;
+    at += run;
   }
-  if (!Reset()) {
-    return CError::CreateError(kFileErrReset, "reset file failed. index = %s, content = %s",
-                               indexPath_.c_str(), contentPath_.c_str());
+}
+
+bool CFileUnit::NeedsReopen(const std::string& today, uint64_t contentEnd) const {
+  return today != time_ || contentEnd - flushedContentOffset_ > kReopenThreshold;
+}
+
+bool CFileUnit::WithinLimit(uint64_t indexEnd, uint64_t contentEnd) const {
+  const int64_t limit = IsMaintainceLogType(type_)
+                            ? CClearnCfg::GetInstance()->GetLimitFileSize()
+                            : CAdditionCtrlor::GetInstance()->GetFileSize(static_cast<int>(type_));
+  return limit >= 0 && indexEnd <= static_cast<uint64_t>(limit) &&
+         contentEnd <= static_cast<uint64_t>(limit);
+}
+
+size_t CFileUnit::RunLength(const std::string_view* records, size_t count) const {
+  // The first record has passed the checks; each further one joins while the checks made
+  // before it would pass too, so a run never crosses a reopen, a restart or a flush.
+  uint64_t content = contentOffset_ + records[0].size();
+  uint64_t index = indexEnd_ + kIndexLineSize;
+  size_t run = 1;
+  if (records[0].empty()) return run;
+  while (run < count && run < kMaxRun && content - flushedContentOffset_ <= kFlushThreshold) {
+    const std::string_view next = records[run];
+    if (next.empty() || next.find('\0') != std::string_view::npos ||
+        content + next.size() - contentOffset_ > kMaxRunBytes || NeedsReopen(time_, content) ||
+        !WithinLimit(index, content)) {
+      break;
+    }
+    content += next.size();
+    index += kIndexLineSize;
+    ++run;
   }
-  // The content file would keep the record only up to a NUL while the index counts all of
-  // it, and every later record would then be read from the wrong place.
-  if (record.find('\0') != std::string_view::npos) {
-    return CError::CreateError(kErrParam, "parameters invalid, %s", "record holds a NUL byte");
+  return run;
+}
+
+CError CFileUnit::WriteRun(const std::string_view* records, size_t count) {
+  std::string_view content = records[0];
+  if (count > 1) {
+    runBuffer_.clear();
+    for (size_t i = 0; i < count; ++i) runBuffer_.append(records[i]);
+    content = runBuffer_;
   }
   int offset = 0;
-  CError result = content_.WriteContent(record, offset);
+  CError result = content_.WriteContent(content, offset);
   if (!result.IsSuccess()) {
     ZLOG_ERROR("[nuv_maintain][fileunit] write content failed.");
     CutBackToLastRecord();
     return result;
   }
   // Entries take their offsets from the running content offset, not from the file handle.
-  IndexData entry(contentOffset_, static_cast<unsigned int>(record.size()));
-  result = index_.WriteIndex(entry);
+  IndexData entries[kMaxRun];
+  uint32_t at = contentOffset_;
+  for (size_t i = 0; i < count; ++i) {
+    entries[i] = IndexData(at, static_cast<unsigned int>(records[i].size()));
+    at += static_cast<uint32_t>(records[i].size());
+  }
+  result = index_.WriteIndex(entries, count);
   if (!result.IsSuccess()) {
     ZLOG_ERROR("[nuv_maintain][fileunit] write index failed. index = %s", indexPath_.c_str());
     CutBackToLastRecord();
     return CError::CreateError(kFileErrIndexWrite, "write index success content fail = %s",
                                indexPath_.c_str());
   }
-  contentOffset_ += static_cast<uint32_t>(record.size());
-  indexEnd_ += static_cast<uint32_t>(kIndexLineSize);
+  contentOffset_ = at;
+  indexEnd_ += static_cast<uint32_t>(count * kIndexLineSize);
   if (contentOffset_ - flushedContentOffset_ > kFlushThreshold) {
     Flush();
   }
@@ -155,7 +219,7 @@ bool CFileUnit::Reset() {
     return true;
   }
   const std::string today = CurrentDay();
-  if (today != time_ || contentOffset_ - flushedContentOffset_ > kReopenThreshold) {
+  if (NeedsReopen(today, contentOffset_)) {
     // A new day moves the stream to that day's directory; within the day the same pair is
     // closed and reopened. The unit keeps its own name: a name holding "-" would not parse
     // back from the path.
@@ -167,13 +231,9 @@ bool CFileUnit::Reset() {
     return true;
   }
 
-  const int64_t limit = IsMaintainceLogType(type_)
-                            ? CClearnCfg::GetInstance()->GetLimitFileSize()
-                            : CAdditionCtrlor::GetInstance()->GetFileSize(static_cast<int>(type_));
   // Every byte reaches the file as it is written and a failed write is cut back, so the running
   // ends are the files' sizes: no stat is needed on every write.
-  if (limit >= 0 && indexEnd_ <= static_cast<uint64_t>(limit) &&
-      contentOffset_ <= static_cast<uint64_t>(limit)) {
+  if (WithinLimit(indexEnd_, contentOffset_)) {
     return true;
   }
   // The store is bounded by deletion: a stream past its limit starts again empty.

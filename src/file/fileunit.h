@@ -30,6 +30,9 @@ class CFileUnit {
   static constexpr uint32_t kReopenThreshold = 0x100000;
   // More unflushed content than this after a write flushes it.
   static constexpr uint32_t kFlushThreshold = 0x80000;
+  // Bounds on one run of WriteFiles.
+  static constexpr size_t kMaxRun = 64;
+  static constexpr size_t kMaxRunBytes = 256 * 1024;
 
   CFileUnit() = default;
   CFileUnit(const CFileUnit&) = delete;
@@ -37,6 +40,10 @@ class CFileUnit {
 
   CError InitFileUint(CFileClassify& classify);
   CError WriteFile(std::string_view record);
+  // Writes `count` records in order with the checks WriteFile makes before each, and each
+  // record's result in `results`. Records that no check falls between go out as one run: one
+  // write to each file, and one result for the run, since a failed run is cut back whole.
+  void WriteFiles(const std::string_view* records, size_t count, CError* results);
   CError ReadFile(int n, std::string& out);
   CError ReadBatchFile(unsigned int start, unsigned int count, unsigned int& next,
                        std::vector<std::string>& out);
@@ -61,6 +68,13 @@ class CFileUnit {
   void Reopen(const CFileClassify& classify);
   // Takes the offsets of a pair just opened.
   void TakeOpenedSizes();
+  // The checks Reset makes, at given running ends.
+  bool NeedsReopen(const std::string& today, uint64_t contentEnd) const;
+  bool WithinLimit(uint64_t indexEnd, uint64_t contentEnd) const;
+  // How many of `records` (at least one, the first already checked) may go out as one run.
+  size_t RunLength(const std::string_view* records, size_t count) const;
+  // Writes one run: content, then the index lines; cut back whole on failure.
+  CError WriteRun(const std::string_view* records, size_t count);
 
   CFileIndex index_;
   CFileContent content_;
@@ -72,6 +86,8 @@ class CFileUnit {
   uint32_t indexEnd_ = 0;
   // A failed write could not be cut back yet.
   bool cutPending_ = false;
+  // The content of a run of more than one record, kept between runs.
+  std::string runBuffer_;
   std::string name_;
   uint32_t pid_ = 0;
   std::string indexPath_;

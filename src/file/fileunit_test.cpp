@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "file/file_test_support.h"
@@ -197,6 +198,88 @@ TEST_F(FileUnitTest, StreamPastItsSizeLimitStartsAgainEmpty) {
     EXPECT_EQ(unit.ReadALLFile(all).code, 209) << c.type;
     EXPECT_TRUE(all == expected) << c.type;
     EXPECT_EQ(nuvtest::ReadFile(classify.GetIndexPath()), IndexLines(expected)) << c.type;
+  }
+}
+
+// Counts the write system calls that reach the kernel.
+int g_writes = 0;
+ssize_t CountingWrite(int fd, const void* buf, size_t size) {
+  ++g_writes;
+  return reinterpret_cast<nuv_sys_write_fn>(nuv_sys_real(NUV_SYS_WRITE))(fd, buf, size);
+}
+
+// The same records written one by one and handed over together leave the same files and the
+// same results; together they cost one write per file for each run no check falls inside.
+TEST_F(FileUnitTest, RecordsHandedOverTogetherAreStoredAsIfWrittenOneByOne) {
+  const std::string big(600 * 1024, 'b'), small(100 * 1024, 's');
+  const struct {
+    const char* what;
+    Records records;
+    int writes;  // by the run form, when no check splits the records
+  } cases[] = {
+      {"a plain run", Records(10, "ten bytes!"), 2},
+      {"past the 64 records of a run", Records(150, "x"), 6},
+      {"a NUL and an empty record inside", {"one", std::string("t\0o", 3), "three", "", "five"}, -1},
+      // The big record is flushed on its own; the small type's 1 MiB limit is then crossed
+      // inside a run, and the stream restarts where a lone write would have restarted it.
+      {"across the size limit", {big, small, small, small, small, small, small, "last"}, -1},
+  };
+  int round = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string name = "r" + std::to_string(round++);
+    CFileClassify alone = filetest::Classify(name + "a", 7, filetest::kSmallType);
+    CFileClassify together = filetest::Classify(name + "t", 7, filetest::kSmallType);
+    CFileUnit one, many;
+    Open(one, alone);
+    Open(many, together);
+    std::vector<int> codesAlone, codesTogether;
+    for (const std::string& record : c.records) codesAlone.push_back(one.WriteFile(record).code);
+    std::vector<std::string_view> views(c.records.begin(), c.records.end());
+    std::vector<CError> results(views.size());
+    g_writes = 0;
+    nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(CountingWrite));
+    many.WriteFiles(views.data(), views.size(), results.data());
+    nuv_sys_override(NUV_SYS_WRITE, nullptr);
+    for (const CError& r : results) codesTogether.push_back(r.code);
+    EXPECT_EQ(codesTogether, codesAlone);
+    if (c.writes >= 0) {
+      EXPECT_EQ(g_writes, c.writes);
+    }
+    EXPECT_EQ(nuvtest::ReadFile(together.GetIndexPath()), nuvtest::ReadFile(alone.GetIndexPath()));
+    EXPECT_EQ(nuvtest::ReadFile(together.GetContentPath()),
+              nuvtest::ReadFile(alone.GetContentPath()));
+    EXPECT_EQ(many.GetContentOffset(), one.GetContentOffset());
+  }
+}
+
+// A run that fails part-way is refused whole and cut back, so no record of it is reported
+// stored, and the stream goes on behind the last record stored before it.
+TEST_F(FileUnitTest, ARunThatFailsIsRefusedWholeAndCutBack) {
+  CFileClassify classify = filetest::Classify("proc", 7, 256);
+  for (const char* failing : {"/proc-7-256", "/index-proc-7-256"}) {
+    SCOPED_TRACE(failing);
+    CFileUnit unit;
+    Records expected = {"kept"};
+    Open(unit, classify, expected);
+    const std::vector<std::string_view> run = {"first", "second", "third"};
+    std::vector<CError> results(run.size());
+    g_failing_suffix = failing;
+    g_room = 8;  // the first record and part of the second reach the content file
+    nuv_sys_override(NUV_SYS_WRITE, reinterpret_cast<nuv_sys_fn>(WriteUntilFull));
+    unit.WriteFiles(run.data(), run.size(), results.data());
+    nuv_sys_override(NUV_SYS_WRITE, nullptr);
+    for (const CError& r : results) EXPECT_NE(r.code, 0);
+    EXPECT_EQ(nuvtest::ReadFile(classify.GetIndexPath()), IndexLines(expected));
+    EXPECT_EQ(nuvtest::ReadFile(classify.GetContentPath()), Joined(expected));
+    ASSERT_TRUE(unit.WriteFile("after").IsSuccess());
+    expected.push_back("after");
+    Records all;
+    EXPECT_EQ(unit.ReadALLFile(all).code, 209);
+    EXPECT_EQ(all, expected);
+    unit.Close();
+    nuv_file_remove(classify.GetIndexPath().c_str());
+    nuv_file_remove(classify.GetContentPath().c_str());
   }
 }
 
