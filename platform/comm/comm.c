@@ -103,11 +103,33 @@ void nuv__topic_unref(struct nuv__topic *t) {
 
 static void pop_frame(void *arg) { t_frames = ((struct frame *)arg)->prev; }
 
+void nuv__topic_call_batch(struct nuv__topic *t, comm_data *const *requests, unsigned int count,
+                           int *results) {
+  struct frame f = {.t = t, .prev = t_frames};
+  t_frames = &f;
+  /* A host thread cancelled inside the handler unwinds through here. */
+  pthread_cleanup_push(pop_frame, &f);
+  if (t->batch) {
+    t->batch(requests, count, results, t->user);
+  } else {
+    for (unsigned int i = 0; i < count; ++i) {
+      unsigned char nul = 0;
+      comm_data none = {.bytes = &nul, .length = 0};
+      results[i] = t->handler(requests[i], &none, t->user);
+    }
+  }
+  pthread_cleanup_pop(1);
+}
+
 int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply) {
+  if (t->batch) {
+    int result = 0;
+    nuv__topic_call_batch(t, &request, 1, &result);
+    return result;
+  }
   struct frame f = {.t = t, .prev = t_frames};
   int result;
   t_frames = &f;
-  /* A host thread cancelled inside the handler unwinds through here. */
   pthread_cleanup_push(pop_frame, &f);
   result = t->handler(request, reply, t->user);
   pthread_cleanup_pop(1);
@@ -188,12 +210,14 @@ int nuv_comm_uninit(void) {
   return 0;
 }
 
-int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_data) {
-  if (!valid_topic(topic) || !handler) return NUV_COMM_E_INVAL;
+static int register_topic(const char *topic, nuv_comm_handler handler,
+                          nuv_comm_batch_handler batch, void *user_data) {
+  if (!valid_topic(topic) || (!handler && !batch)) return NUV_COMM_E_INVAL;
   struct nuv__topic *t = calloc(1, sizeof *t);
   if (!t) return NUV_COMM_E_SYSTEM;
   strcpy(t->name, topic);
   t->handler = handler;
+  t->batch = batch;
   t->user = user_data;
   t->state = TOPIC_STARTING;
   t->refs = 1;
@@ -235,6 +259,15 @@ int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_da
     errno = err;
   }
   return rc;
+}
+
+int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_data) {
+  return register_topic(topic, handler, NULL, user_data);
+}
+
+int nuv_comm_register_batch(const char *topic, nuv_comm_batch_handler handler,
+                            void *user_data) {
+  return register_topic(topic, NULL, handler, user_data);
 }
 
 int nuv_comm_unregister(const char *topic) {

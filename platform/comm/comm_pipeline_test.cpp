@@ -234,4 +234,48 @@ TEST(CommPipeline, ARawClientSendingAheadIsAnsweredInOrder) {
   EXPECT_EQ(rec.calls.load(), 64 + 2);
 }
 
+// Records the size of every call and answers each request with the hash of its text, or -2
+// when its bytes are not followed by the NUL the contract promises.
+struct BatchRecorder {
+  std::mutex mu;
+  std::vector<unsigned int> calls;
+  static void Handle(comm_data* const* requests, unsigned int count, int* results, void* user) {
+    auto* self = static_cast<BatchRecorder*>(user);
+    for (unsigned int i = 0; i < count; ++i) {
+      void* p = nullptr;
+      unsigned int n = 0;
+      if (nuv_comm_get_data(requests[i], &p, &n) != 0) {
+        results[i] = -1;
+        continue;
+      }
+      const char* text = static_cast<const char*>(p);
+      results[i] = text[n] != '\0' ? -2 : static_cast<int>(Fnv1a(std::string(text, n)));
+    }
+    std::lock_guard<std::mutex> lock(self->mu);
+    self->calls.push_back(count);
+  }
+};
+
+// The frames one read takes reach a batch handler in one call, each with its own result; a
+// post from this process hands it one request.
+TEST(CommPipeline, ABatchHandlerTakesTheFramesReadTogetherInOneCall) {
+  Bus bus;
+  BatchRecorder rec;
+  EXPECT_EQ(nuv_comm_register_batch("batch", nullptr, nullptr), NUV_COMM_E_INVAL);
+  ASSERT_EQ(nuv_comm_register_batch("batch", BatchRecorder::Handle, &rec), 0);
+  int fd = RawConnect(bus.Path("batch"));
+  ASSERT_GE(fd, 0);
+  std::string frames, replies;
+  for (const std::string& msg : Numbered("b", 40)) {
+    frames += Le32(uint32_t(msg.size())) + msg;
+    replies += Reply(Fnv1a(msg));
+  }
+  ASSERT_TRUE(SendRaw(fd, frames));  // one send of a few hundred bytes: one read takes it all
+  EXPECT_EQ(RecvRaw(fd, replies.size()), replies);
+  close(fd);
+  EXPECT_EQ(Post("batch", "alone"), int(Fnv1a("alone")));
+  std::lock_guard<std::mutex> lock(rec.mu);
+  EXPECT_EQ(rec.calls, (std::vector<unsigned int>{40, 1}));
+}
+
 }  // namespace

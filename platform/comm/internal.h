@@ -71,7 +71,8 @@ unsigned int nuv__comm_timeout_ms(void);
  * thread, one per local post running its handler. */
 struct nuv__topic {
   char name[NUV_COMM_TOPIC_MAX + 1];
-  nuv_comm_handler handler;
+  nuv_comm_handler handler;    /* one of the two is set */
+  nuv_comm_batch_handler batch;
   void *user;
   int state; /* TOPIC_STARTING, TOPIC_READY; guarded by the registry lock */
   struct nuv__topic *next;
@@ -99,6 +100,11 @@ void nuv__topic_unref(struct nuv__topic *t);
 /* Runs the handler on the calling thread, recording the call so an unregister from inside the
  * handler does not wait for itself. The caller holds a reference for the call. */
 int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply);
+
+/* The same for requests[0..count) read together: one call of a batch handler, or the handler
+ * on each in turn. */
+void nuv__topic_call_batch(struct nuv__topic *t, comm_data *const *requests, unsigned int count,
+                           int *results);
 
 /* ---- server.c ---- */
 

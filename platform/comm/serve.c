@@ -1,5 +1,6 @@
 /* One connection's requests. A read takes every byte already there into the connection's
- * buffer; each complete frame in it is handled in order and the replies go out in one send.
+ * buffer; the complete frames in it go to the topic together, in order, and the replies go out
+ * in one send.
  * A synchronous client costs a read and a send per request, and a client that sends ahead
  * costs the same per batch. */
 #include <errno.h>
@@ -59,9 +60,14 @@ static ssize_t read_some(int fd, struct inbuf *b, int block, int64_t deadline) {
   }
 }
 
+/* The replies gathered for one send, and the requests read together that they answer. */
 struct replies {
   unsigned char b[REPLIES_MAX * 8];
   unsigned int n;
+  comm_data req[REPLIES_MAX];
+  comm_data *reqp[REPLIES_MAX];
+  int result[REPLIES_MAX];
+  unsigned char after[REPLIES_MAX];
 };
 
 static int flush(int fd, struct replies *r) {
@@ -79,31 +85,52 @@ static int add_reply(int fd, struct replies *r, int result) {
   return 0;
 }
 
-/* Handles every complete frame at the start of `b` and queues the replies; what is left is
- * moved to the front. 1 to go on, 0 when the connection must close after the replies (a
- * frame over the limit, no memory for one), -1 when a reply could not be sent. */
+/* Hands requests r->req[0..n) to the topic at once and queues their replies. Each body gets
+ * the NUL the handler is promised; the byte it covers (the next frame's first byte, or spare
+ * room) is put back afterwards. */
+static int call_frames(struct nuv__topic *t, int fd, struct replies *r, unsigned int n) {
+  for (unsigned int i = 0; i < n; ++i) {
+    r->after[i] = r->req[i].bytes[r->req[i].length];
+    r->req[i].bytes[r->req[i].length] = '\0';
+    r->reqp[i] = &r->req[i];
+  }
+  nuv__topic_call_batch(t, r->reqp, n, r->result);
+  for (unsigned int i = n; i-- > 0;) r->req[i].bytes[r->req[i].length] = r->after[i];
+  for (unsigned int i = 0; i < n; ++i) {
+    if (add_reply(fd, r, r->result[i]) != 0) return -1;
+  }
+  return 0;
+}
+
+/* Handles every complete frame at the start of `b`, those read together in one call, and
+ * queues the replies; what is left is moved to the front. 1 to go on, 0 when the connection
+ * must close after the replies (a frame over the limit, no memory for one), -1 when a reply
+ * could not be sent. */
 static int handle_frames(struct nuv__topic *t, int fd, struct inbuf *b, struct replies *r) {
   size_t at = 0;
   int go_on = 1;
-  while (b->len - at >= 4) {
-    uint32_t len = nuv__comm_get_le32(b->p + at);
-    if (len > t->max_msg) {
-      /* Refused at the header, without reading the body into memory. */
+  for (;;) {
+    unsigned int n = 0;
+    int too_big = 0;
+    while (n < REPLIES_MAX && b->len - at >= 4) {
+      uint32_t len = nuv__comm_get_le32(b->p + at);
+      if (len > t->max_msg) {
+        too_big = 1; /* refused at the header, without reading the body into memory */
+        break;
+      }
+      if (b->len - at - 4 < len) break;
+      r->req[n].bytes = b->p + at + 4;
+      r->req[n].length = len;
+      n++;
+      at += 4 + (size_t)len;
+    }
+    if (n > 0 && call_frames(t, fd, r, n) != 0) return -1;
+    if (too_big) {
       if (add_reply(fd, r, NUV_COMM_E_TOOBIG) != 0) return -1;
       go_on = 0;
       break;
     }
-    if (b->len - at - 4 < len) break;
-    unsigned char *body = b->p + at + 4;
-    unsigned char after = body[len]; /* the next frame's first byte, or spare room */
-    body[len] = '\0';
-    comm_data request = {.bytes = body, .length = len};
-    unsigned char nul = 0;
-    comm_data none = {.bytes = &nul, .length = 0};
-    int result = nuv__topic_call(t, &request, &none);
-    body[len] = after;
-    if (add_reply(fd, r, result) != 0) return -1;
-    at += 4 + (size_t)len;
+    if (n < REPLIES_MAX) break;
   }
   if (go_on && b->len - at >= 4 &&
       reserve(b, 4 + (size_t)nuv__comm_get_le32(b->p + at)) != 0) {

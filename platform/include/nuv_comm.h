@@ -61,6 +61,15 @@ typedef struct comm_data comm_data;
  * threads, or on the poster's own thread when the poster is in this process. */
 typedef int (*nuv_comm_handler)(comm_data *request, comm_data *reply, void *user_data);
 
+/* Handles requests[0..count) of one topic together, storing each one's result in results[i]
+ * (what a nuv_comm_handler would have returned for it). A server hands it the whole frames it
+ * read from one connection at once (up to 512), in order, and sends their replies after it
+ * returns; a post from this process hands it one request. So a handler may finish the requests
+ * together (one write for all of them, say), as long as no result tells of work not yet done.
+ * The requests stay valid only during the call; the bytes of each are followed by a NUL. */
+typedef void (*nuv_comm_batch_handler)(comm_data *const *requests, unsigned int count,
+                                       int *results, void *user_data);
+
 /* Counts a user of the bus; the first call reads the knobs above. Returns 0. Thread-safe. */
 NUV_API int nuv_comm_init(void);
 
@@ -75,6 +84,10 @@ NUV_API int nuv_comm_uninit(void);
  * (registered here already, served by a live process, or a non-socket file in the way);
  * NUV_COMM_E_NOINIT; NUV_COMM_E_SYSTEM (errno set). Thread-safe. */
 NUV_API int nuv_comm_register(const char *topic, nuv_comm_handler handler, void *user_data);
+
+/* As nuv_comm_register, with a handler that takes the requests read together. */
+NUV_API int nuv_comm_register_batch(const char *topic, nuv_comm_batch_handler handler,
+                                    void *user_data);
 
 /* Stops serving `topic`: closes the listener and every connection, removes the socket file
  * and waits for handlers in flight (except those of the calling thread, when a handler
