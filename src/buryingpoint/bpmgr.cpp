@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/jsonscan.h"
 #include "common/jsonutil.h"
@@ -48,7 +49,7 @@ const JsonPaths kMemberPaths(kMembers, sizeof kMembers / sizeof kMembers[0]);
 CError CBpMgr::Start() {
   int result = nuv_comm_init();
   if (result == 0) {
-    result = nuv_comm_register(kBpTopic, &CBpMgr::BpRegisterCallBack, this);
+    result = nuv_comm_register_batch(kBpTopic, &CBpMgr::BpBatchCallBack, this);
   }
   if (result != 0) {
     ZLOG_ERROR("[bpmgr]start buryingpoint mgr failed with error:%d", result);
@@ -78,19 +79,79 @@ int CBpMgr::BpRegisterCallBack(comm_data* request, comm_data* /*reply*/, void* u
   return static_cast<CBpMgr*>(userData)->CallBackImpl(data, length);
 }
 
+void CBpMgr::BpBatchCallBack(comm_data* const* requests, unsigned int count, int* results,
+                             void* userData) {
+  if (userData == nullptr) {
+    for (unsigned int i = 0; i < count; ++i) {
+      ZLOG_ERROR("[bpmgr] callback userdata is null.");
+      results[i] = kResultInvalidParameter;
+    }
+    return;
+  }
+  static_cast<CBpMgr*>(userData)->BatchImpl(requests, count, results);
+}
+
 int CBpMgr::CallBackImpl(void* data, unsigned int length) {
   CFileClassify classify;
+  const int checked = Checked(data, length, classify);
+  if (checked != 0) {
+    return checked;
+  }
+  // The posted bytes are stored as they came, members unknown to the format included.
+  const std::string_view content(static_cast<const char*>(data), length);
+  return Stored(classify, CSingleton<CFileManager>::GetInstance().WriteFile(classify, content));
+}
+
+void CBpMgr::BatchImpl(comm_data* const* requests, unsigned int count, int* results) {
+  // Kept per bus thread, so a batch costs no allocation once the thread has seen one as large.
+  thread_local std::vector<CFileClassify> classes;
+  thread_local std::vector<CFileClassify*> valid;
+  thread_local std::vector<std::string_view> contents;
+  thread_local std::vector<unsigned int> slots;
+  thread_local std::vector<CError> written;
+  if (classes.size() < count) classes.resize(count);
+  valid.clear();
+  contents.clear();
+  slots.clear();
+  for (unsigned int i = 0; i < count; ++i) {
+    void* data = nullptr;
+    unsigned int length = 0;
+    if (nuv_comm_get_data(requests[i], &data, &length) != 0) {
+      ZLOG_ERROR("[bpmgr] buryingpoint get comm data failed.");
+      results[i] = kResultBusData;
+      continue;
+    }
+    results[i] = Checked(data, length, classes[i]);
+    if (results[i] == 0) {
+      valid.push_back(&classes[i]);
+      contents.emplace_back(static_cast<const char*>(data), length);
+      slots.push_back(i);
+    }
+  }
+  if (valid.empty()) {
+    return;
+  }
+  written.assign(valid.size(), CError());
+  CSingleton<CFileManager>::GetInstance().WriteFiles(valid.data(), contents.data(), valid.size(),
+                                                     written.data());
+  for (size_t k = 0; k < valid.size(); ++k) {
+    results[slots[k]] = Stored(*valid[k], written[k]);
+  }
+}
+
+int CBpMgr::Checked(void* data, unsigned int length, CFileClassify& classify) {
   CError result = CheckBpData(data, length, classify);
   if (result.code != 0) {
     ZLOG_ERROR("[bpmgr] check bp data failed with error:%d-%s", result.code, result.desc.c_str());
     return kResultBpInvalid;
   }
-  // The posted bytes are stored as they came, members unknown to the format included.
-  const std::string_view content(static_cast<const char*>(data), length);
-  result = CSingleton<CFileManager>::GetInstance().WriteFile(classify, content);
-  if (result.code != 0) {
-    ZLOG_ERROR("[bpmgr] write bp data failed with error:%d-%s", result.code, result.desc.c_str());
-    return result.code;
+  return 0;
+}
+
+int CBpMgr::Stored(const CFileClassify& classify, const CError& written) {
+  if (written.code != 0) {
+    ZLOG_ERROR("[bpmgr] write bp data failed with error:%d-%s", written.code, written.desc.c_str());
+    return written.code;
   }
   ZLOG_DEBUG("[bpmgr] write bp data success. type:%d, pid:%d, name:%s, content_path:%s",
              static_cast<int>(classify.GetType()), static_cast<int>(classify.GetPid()),

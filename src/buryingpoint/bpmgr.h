@@ -32,6 +32,11 @@ class CBpMgr {
   // 0x84CE0004 (invalid document) or the store's error code.
   static int BpRegisterCallBack(comm_data* request, comm_data* reply, void* userData);
   int CallBackImpl(void* data, unsigned int length);
+  // The callback for requests read together, which the topic is served with: each result as
+  // above, every valid document of the batch stored under one hold of the store.
+  static void BpBatchCallBack(comm_data* const* requests, unsigned int count, int* results,
+                              void* userData);
+  void BatchImpl(comm_data* const* requests, unsigned int count, int* results);
 
   // Validation steps; each stops at the first failure and returns it. The document is scanned
   // in place (JsonScan), with the verdict and member values a Jansson tree would give.
@@ -40,6 +45,12 @@ class CBpMgr {
   CError CheckBpTimer(const JsonScan& json);
   // The process name is the last component of the text before the last ":"; pid is always 0.
   CError GetBpFocus(const std::string& focus, std::string& name, unsigned int* pid);
+
+ private:
+  // CheckBpData with its failure logged: 0 or 0x84CE0004.
+  int Checked(void* data, unsigned int length, CFileClassify& classify);
+  // The result of a store write, logged.
+  static int Stored(const CFileClassify& classify, const CError& written);
 };
 
 #endif

@@ -145,6 +145,40 @@ TEST_F(BpMgrTest, ValidPointsAreStoredAsPosted) {
   }
 }
 
+// Points read together are checked one by one, the valid ones stored together in their order,
+// and each is answered for itself.
+TEST_F(BpMgrTest, PointsReadTogetherAreAnsweredEachForItself) {
+  const std::vector<std::string> texts = {Point(256, "/bin/mix:1"), With("header/id", "7"),
+                                          Point(512, "/bin/other:1"), Point(256, "/bin/mix:2")};
+  std::vector<comm_data*> requests;
+  for (const std::string& t : texts)
+    requests.push_back(nuv_comm_new_data(t.data(), static_cast<unsigned int>(t.size())));
+  requests.push_back(nullptr);  // its bytes cannot be had
+  const CFileClassify mix = filetest::Classify("mix", 0, 256);
+  const CFileClassify other = filetest::Classify("other", 0, 512);
+  std::vector<int> results(requests.size(), 0x5A5A5A5A);
+  const Lines lines = filetest::CaptureLog([&] {
+    CBpMgr::BpBatchCallBack(requests.data(), static_cast<unsigned int>(requests.size()),
+                            results.data(), &manager_);
+  });
+  EXPECT_EQ(results, (std::vector<int>{0, kBpInvalid, 0, 0, static_cast<int>(0x84CE0003u)}));
+  auto stored = [](const CFileClassify& c, unsigned int type) {
+    return "[DEBUG] [bpmgr] write bp data success. type:" + std::to_string(type) +
+           ", pid:0, name:" + c.GetName() + ", content_path:" + c.GetContentPath();
+  };
+  EXPECT_EQ(filetest::Messages(lines, "buryingpoint/bpmgr.cpp"),
+            (Lines{"[ERROR] [bpmgr] check bp data failed with error:102-bp header/id is invalid",
+                   "[ERROR] [bpmgr] buryingpoint get comm data failed.", stored(mix, 256),
+                   stored(other, 512), stored(mix, 256)}));
+  EXPECT_EQ(filetest::Stored(mix), (Lines{texts[0], texts[3]}));
+  EXPECT_EQ(filetest::Stored(other), Lines{texts[2]});
+
+  CBpMgr::BpBatchCallBack(requests.data(), 2, results.data(), nullptr);
+  EXPECT_EQ(results[0], static_cast<int>(0x84CE0002u));
+  EXPECT_EQ(results[1], static_cast<int>(0x84CE0002u));
+  for (comm_data* r : requests) nuv_comm_delete_data(r);
+}
+
 // What a check gives: code, message and the stream it classified.
 std::string Outcome(const CError& e, const CFileClassify& c) {
   return std::to_string(e.code) + "-" + e.desc + " | " + c.GetContentPath();
