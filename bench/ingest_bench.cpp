@@ -11,11 +11,13 @@
 //
 //   build/bin/ingest_bench [--records M] [--posters 1,4,8] [--repeat N] [--window W]
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -109,10 +111,30 @@ struct Outcome {
   double rate = -1;  // records per second over all posters
   long zeros = 0;    // answered 0
   long failed = 0;   // not answered 0
+  double server_us = -1;  // the serving process's CPU per record, microseconds
+  double client_us = -1;  // the posters' CPU per record
 };
 
-// Forks `posters` processes that wait on a pipe, then each run `fn` on `records` records.
-Outcome Run(const PosterFn& fn, int posters, long records) {
+// CPU seconds a process has used, its ended threads included; -1 when it cannot be read.
+double ProcessCpu(pid_t pid) {
+  if (pid <= 0) return -1;
+  std::string stat = nuvtest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  size_t close = stat.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::stringstream fields(stat.substr(close + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  // After the name: state is field 3; utime and stime are fields 14 and 15.
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) utime = std::stoull(field);
+    if (i == 15) stime = std::stoull(field);
+  }
+  return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+// Forks `posters` processes that wait on a pipe, then each run `fn` on `records` records;
+// `server` is the process they post to, for its CPU figure.
+Outcome Run(const PosterFn& fn, int posters, long records, pid_t server) {
   Outcome o;
   int gate[2], results[2];
   if (::pipe(gate) != 0 || ::pipe(results) != 0) return o;
@@ -133,6 +155,7 @@ Outcome Run(const PosterFn& fn, int posters, long records) {
   ::close(gate[0]);
   ::close(results[1]);
   std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let every poster start
+  const double serverBefore = ProcessCpu(server);
   auto start = std::chrono::steady_clock::now();
   ::close(gate[1]);
   for (int p = 0; p < posters; ++p) {
@@ -142,29 +165,36 @@ Outcome Run(const PosterFn& fn, int posters, long records) {
     o.failed += zeros < 0 ? records : records - zeros;
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const double serverAfter = ProcessCpu(server);
   ::close(results[0]);
-  for (pid_t k : kids) nuvtest::WaitExit(k);
-  o.rate = static_cast<double>(posters) * records / seconds;
+  double clientCpu = 0;
+  for (pid_t k : kids) {
+    struct rusage use {};
+    int status = 0;
+    while (::wait4(k, &status, 0, &use) < 0 && errno == EINTR) {
+    }
+    clientCpu += static_cast<double>(use.ru_utime.tv_sec + use.ru_stime.tv_sec) +
+                 static_cast<double>(use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1e6;
+  }
+  const double total = static_cast<double>(posters) * records;
+  o.rate = total / seconds;
+  if (serverBefore >= 0 && serverAfter >= 0) o.server_us = (serverAfter - serverBefore) * 1e6 / total;
+  o.client_us = clientCpu * 1e6 / total;
   return o;
 }
 
-double Median(std::vector<double> v) {
-  if (v.empty()) return -1;
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
-// Runs `measure` `repeat` times; the median rate, with every run's records answered 0 added
-// to `acked` and its failures to `failed`.
-double MedianRate(int repeat, const std::function<Outcome()>& measure, long* acked, long* failed) {
-  std::vector<double> rates;
+// Runs `measure` `repeat` times; the run with the median rate, with every run's records
+// answered 0 added to `acked` and its failures to `failed`.
+Outcome MedianRun(int repeat, const std::function<Outcome()>& measure, long* acked, long* failed) {
+  std::vector<Outcome> runs;
   for (int i = 0; i < repeat; ++i) {
-    Outcome o = measure();
-    rates.push_back(o.rate);
-    if (acked) *acked += o.zeros;
-    if (failed) *failed += o.failed;
+    runs.push_back(measure());
+    if (acked) *acked += runs.back().zeros;
+    if (failed) *failed += runs.back().failed;
   }
-  return Median(rates);
+  std::sort(runs.begin(), runs.end(),
+            [](const Outcome& a, const Outcome& b) { return a.rate < b.rate; });
+  return runs[runs.size() / 2];
 }
 
 double Ratio(double a, double b) { return a > 0 && b > 0 ? a / b : -1; }
@@ -254,44 +284,52 @@ int main(int argc, char** argv) {
                           "records_per_poster", static_cast<json_int_t>(records), "repeat", repeat);
   json_t* sync = json_array();
   for (int k : posters) {
-    double daemonRate = MedianRate(
-        repeat, [&] { return Run([](int p, long n) { return SyncPoster(kPostTopic, p, n); }, k, records); },
-        &acked, &failed);
-    double busRate = MedianRate(
-        repeat, [&] { return Run([](int p, long n) { return SyncPoster(kBareTopic, p, n); }, k, records); },
-        nullptr, &bareFailed);
-    double socketRate = MedianRate(
+    Outcome d = MedianRun(
         repeat,
-        [&] { return Run([&](int p, long n) { return RawPoster(socketPath, 1, p, n); }, k, records); },
+        [&] { return Run([](int p, long n) { return SyncPoster(kPostTopic, p, n); }, k, records, daemon); },
+        &acked, &failed);
+    Outcome b = MedianRun(
+        repeat,
+        [&] { return Run([](int p, long n) { return SyncPoster(kBareTopic, p, n); }, k, records, bare); },
         nullptr, &bareFailed);
+    Outcome s = MedianRun(
+        repeat,
+        [&] {
+          return Run([&](int p, long n) { return RawPoster(socketPath, 1, p, n); }, k, records,
+                     bareSocket);
+        },
+        nullptr, &bareFailed);
+    // CPU per record in microseconds, server and posters, beside each rate.
     json_array_append_new(
-        sync, json_pack("{s:i, s:f, s:f, s:f, s:f, s:f}", "posters", k, "daemon_per_s", daemonRate,
-                        "bus_bare_handler_per_s", busRate, "bare_socket_per_s", socketRate,
-                        "daemon_vs_bus", Ratio(daemonRate, busRate), "bus_vs_socket",
-                        Ratio(busRate, socketRate)));
+        sync, json_pack("{s:i, s:f, s:f, s:f, s:f, s:f, s:[ff], s:[ff], s:[ff]}", "posters", k,
+                        "daemon_per_s", d.rate, "bus_bare_handler_per_s", b.rate,
+                        "bare_socket_per_s", s.rate, "daemon_vs_bus", Ratio(d.rate, b.rate),
+                        "bus_vs_socket", Ratio(b.rate, s.rate), "daemon_cpu_us", d.server_us,
+                        d.client_us, "bus_cpu_us", b.server_us, b.client_us, "socket_cpu_us",
+                        s.server_us, s.client_us));
   }
   json_object_set_new(out, "sync", sync);
 
-  double pipelined = MedianRate(
+  Outcome pipelined = MedianRun(
       repeat,
       [&] {
         return Run([&](int p, long n) { return PipelinedPoster(kPostTopic, window, p, n); },
-                   kPipelinedPosters, records);
+                   kPipelinedPosters, records, daemon);
       },
       &acked, &failed);
-  double pipelinedBus = MedianRate(
+  Outcome pipelinedBus = MedianRun(
       repeat,
       [&] {
         return Run([&](int p, long n) { return PipelinedPoster(kBareTopic, window, p, n); },
-                   kPipelinedPosters, records);
+                   kPipelinedPosters, records, bare);
       },
       nullptr, &bareFailed);
-  double pipelinedRaw = MedianRate(
+  Outcome pipelinedRaw = MedianRun(
       repeat,
       [&] {
         return Run([&](int p, long n) {
           return RawPoster(bus + "/" + kPostTopic, static_cast<int>(window), p, n);
-        }, kPipelinedPosters, records);
+        }, kPipelinedPosters, records, daemon);
       },
       &acked, &failed);
   double syslogRate = -1;
@@ -301,17 +339,24 @@ int main(int argc, char** argv) {
     nuvtest::TempDir slDir;
     ingest::SyslogNg syslog(slDir.path());
     if (syslog.ok()) {
-      syslogRate = MedianRate(
-          repeat, [&] { return Outcome{syslog.Ingest(kPipelinedPosters, records), 0, 0}; },
-          nullptr, nullptr);
+      syslogRate = MedianRun(
+                       repeat,
+                       [&] {
+                         Outcome o;
+                         o.rate = syslog.Ingest(kPipelinedPosters, records);
+                         return o;
+                       },
+                       nullptr, nullptr)
+                       .rate;
     }
   }
   json_object_set_new(
       out, "pipelined",
-      json_pack("{s:i, s:i, s:f, s:f, s:f, s:f, s:f}", "posters", kPipelinedPosters, "window",
-                window, "daemon_per_s", pipelined, "daemon_raw_client_per_s", pipelinedRaw,
-                "bus_bare_handler_per_s", pipelinedBus,
-                "syslog_ng_per_s", syslogRate, "daemon_vs_syslog_ng", Ratio(pipelined, syslogRate)));
+      json_pack("{s:i, s:i, s:f, s:f, s:f, s:f, s:f, s:[ff]}", "posters", kPipelinedPosters,
+                "window", window, "daemon_per_s", pipelined.rate, "daemon_raw_client_per_s",
+                pipelinedRaw.rate, "bus_bare_handler_per_s", pipelinedBus.rate, "syslog_ng_per_s",
+                syslogRate, "daemon_vs_syslog_ng", Ratio(pipelined.rate, syslogRate),
+                "daemon_cpu_us", pipelined.server_us, pipelined.client_us));
 
   ::kill(daemon, SIGTERM);
   int daemonExit = nuvtest::WaitExit(daemon);
