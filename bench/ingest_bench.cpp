@@ -4,10 +4,13 @@
 //      frames to a bare socket server (a thread per connection) through a raw client: the
 //      library's cost over the bus, and the bus's cost over a socket;
 //  (b) 4 posters sending ahead (window 64) into the daemon, with the project's client and
-//      with a raw one, and into the bare bus handler, beside syslog-ng taking 300-byte lines from loggen over 4 unix-stream
-//      connections into a file (bench/setup.sh installs it; left out when missing);
+//      with a raw one, and into the bare bus handler, beside syslog-ng taking 300-byte lines
+//      from loggen over 4 unix-stream connections into a file (bench/setup.sh installs it;
+//      left out when missing);
 //  (c) the records in the store after the daemon stops against the records acknowledged 0.
-// Prints one JSON line.
+// Beside each rate of (a) and the daemon's of (b), the CPU in microseconds per record of the
+// server process and of the posters ("*_cpu_us": [server, posters]) tell where time goes when
+// the rates swing. Prints one JSON line.
 //
 //   build/bin/ingest_bench [--records M] [--posters 1,4,8] [--repeat N] [--window W]
 #include <signal.h>
