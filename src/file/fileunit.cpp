@@ -123,10 +123,6 @@ void CFileUnit::WriteFiles(const std::string_view* records, size_t count, CError
   }
 }
 
-bool CFileUnit::NeedsReopen(const std::string& today, uint64_t contentEnd) const {
-  return today != time_ || contentEnd - flushedContentOffset_ > kReopenThreshold;
-}
-
 bool CFileUnit::WithinLimit(uint64_t indexEnd, uint64_t contentEnd) const {
   const int64_t limit = IsMaintainceLogType(type_)
                             ? CClearnCfg::GetInstance()->GetLimitFileSize()
@@ -137,7 +133,8 @@ bool CFileUnit::WithinLimit(uint64_t indexEnd, uint64_t contentEnd) const {
 
 size_t CFileUnit::RunLength(const std::string_view* records, size_t count) const {
   // The first record has passed the checks; each further one joins while the checks made
-  // before it would pass too, so a run never crosses a reopen, a restart or a flush.
+  // before it would pass too, so a run never crosses a restart or a flush. (A run ends within
+  // the flush bound, so inside the reopen bound; the day is the one the first check saw.)
   uint64_t content = contentOffset_ + records[0].size();
   uint64_t index = indexEnd_ + kIndexLineSize;
   size_t run = 1;
@@ -145,8 +142,7 @@ size_t CFileUnit::RunLength(const std::string_view* records, size_t count) const
   while (run < count && run < kMaxRun && content - flushedContentOffset_ <= kFlushThreshold) {
     const std::string_view next = records[run];
     if (next.empty() || next.find('\0') != std::string_view::npos ||
-        content + next.size() - contentOffset_ > kMaxRunBytes || NeedsReopen(time_, content) ||
-        !WithinLimit(index, content)) {
+        content + next.size() - contentOffset_ > kMaxRunBytes || !WithinLimit(index, content)) {
       break;
     }
     content += next.size();
@@ -219,7 +215,7 @@ bool CFileUnit::Reset() {
     return true;
   }
   const std::string today = CurrentDay();
-  if (NeedsReopen(today, contentOffset_)) {
+  if (today != time_ || contentOffset_ - flushedContentOffset_ > kReopenThreshold) {
     // A new day moves the stream to that day's directory; within the day the same pair is
     // closed and reopened. The unit keeps its own name: a name holding "-" would not parse
     // back from the path.

@@ -33,6 +33,8 @@ class CFileUnit {
   // Bounds on one run of WriteFiles.
   static constexpr size_t kMaxRun = 64;
   static constexpr size_t kMaxRunBytes = 256 * 1024;
+  static_assert(kFlushThreshold + kMaxRunBytes <= kReopenThreshold,
+                "a run that starts inside the flush bound ends inside the reopen bound");
 
   CFileUnit() = default;
   CFileUnit(const CFileUnit&) = delete;
@@ -68,8 +70,7 @@ class CFileUnit {
   void Reopen(const CFileClassify& classify);
   // Takes the offsets of a pair just opened.
   void TakeOpenedSizes();
-  // The checks Reset makes, at given running ends.
-  bool NeedsReopen(const std::string& today, uint64_t contentEnd) const;
+  // The size check Reset makes, at given running ends.
   bool WithinLimit(uint64_t indexEnd, uint64_t contentEnd) const;
   // How many of `records` (at least one, the first already checked) may go out as one run.
   size_t RunLength(const std::string_view* records, size_t count) const;
