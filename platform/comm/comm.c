@@ -121,21 +121,6 @@ void nuv__topic_call_batch(struct nuv__topic *t, comm_data *const *requests, uns
   pthread_cleanup_pop(1);
 }
 
-int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply) {
-  if (t->batch) {
-    int result = 0;
-    nuv__topic_call_batch(t, &request, 1, &result);
-    return result;
-  }
-  struct frame f = {.t = t, .prev = t_frames};
-  int result;
-  t_frames = &f;
-  pthread_cleanup_push(pop_frame, &f);
-  result = t->handler(request, reply, t->user);
-  pthread_cleanup_pop(1);
-  return result;
-}
-
 /* The caller holds g_mu. `ready_only` skips topics still being set up. */
 static struct nuv__topic *find(const char *name, int ready_only) {
   for (struct nuv__topic *t = g_topics; t; t = t->next) {
@@ -326,9 +311,9 @@ static int route(const char *topic, struct nuv__topic **t, char *dir, unsigned i
 
 /* A post to a topic of this process, on the calling thread. */
 static int call_here(struct nuv__topic *t, comm_data *data) {
-  unsigned char nul = 0;
-  comm_data none = {.bytes = &nul, .length = 0};
-  return nuv__topic_call(t, data, &none);
+  int result = 0;
+  nuv__topic_call_batch(t, &data, 1, &result);
+  return result;
 }
 
 int nuv_comm_post(const char *topic, comm_data *data) {

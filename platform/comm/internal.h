@@ -97,12 +97,10 @@ struct nuv__topic {
 /* Drops one reference; frees the topic with the last. */
 void nuv__topic_unref(struct nuv__topic *t);
 
-/* Runs the handler on the calling thread, recording the call so an unregister from inside the
- * handler does not wait for itself. The caller holds a reference for the call. */
-int nuv__topic_call(struct nuv__topic *t, comm_data *request, comm_data *reply);
-
-/* The same for requests[0..count) read together: one call of a batch handler, or the handler
- * on each in turn. */
+/* Runs the handler on the calling thread for requests[0..count) read together (one call of a
+ * batch handler, or the handler on each in turn with an empty reply), recording the call so an
+ * unregister from inside the handler does not wait for itself. The caller holds a reference
+ * for the call. */
 void nuv__topic_call_batch(struct nuv__topic *t, comm_data *const *requests, unsigned int count,
                            int *results);
 
