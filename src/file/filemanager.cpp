@@ -60,7 +60,7 @@ void CFileManager::WriteFiles(CFileClassify* const* classify, const std::string_
     size_t run = 1;
     while (at + run < count && classify[at + run]->GetHashKey() == key) ++run;
     CError openError;
-    CFileUnit* unit = FindAndInsertNolock(*classify[at], &openError);
+    CFileUnit* unit = FindAndInsertKeyed(*classify[at], key, &openError);
     if (unit == nullptr) {
       for (size_t i = 0; i < run; ++i) results[at + i] = NoUnit(openError);
     } else {
@@ -95,7 +95,11 @@ CFileManager::LockedUnit CFileManager::FindAndInsert(CFileClassify& classify) {
 }
 
 CFileUnit* CFileManager::FindAndInsertNolock(CFileClassify& classify, CError* openError) {
-  const uint64_t key = classify.GetHashKey();
+  return FindAndInsertKeyed(classify, classify.GetHashKey(), openError);
+}
+
+CFileUnit* CFileManager::FindAndInsertKeyed(CFileClassify& classify, uint64_t key,
+                                            CError* openError) {
   auto found = units_.find(key);
   if (found != units_.end()) {
     return found->second.get();

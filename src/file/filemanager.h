@@ -79,6 +79,8 @@ class CFileManager {
  private:
 
   void CloseUnit(CFileClassify& classify);
+  // FindAndInsertNolock with the classification's hash already computed (it is not cheap).
+  CFileUnit* FindAndInsertKeyed(CFileClassify& classify, uint64_t key, CError* openError);
   // `op` on the stream's unit, opened if need be, under the exclusive lock.
   template <typename Op>
   CError OnUnit(CFileClassify& classify, const Op& op);
