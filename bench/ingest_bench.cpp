@@ -1,4 +1,5 @@
-// End-to-end ingest, every figure from one run, each the median of --repeat runs:
+// End-to-end ingest, every figure from one run, each the median of --repeat runs; the things
+// compared take turns, and each turn's ratio ("*_turns") is printed beside the medians':
 //  (a) K synchronous posting processes each post M valid 300-byte burying points to a running
 //      nuv_maintd, and the same posts to a bare bus handler that only returns 0, and the same
 //      frames to a bare socket server (a thread per connection) through a raw client: the
@@ -10,7 +11,8 @@
 //  (c) the records in the store after the daemon stops against the records acknowledged 0.
 // Beside each rate of (a) and the daemon's of (b), the CPU in microseconds per record of the
 // server process and of the posters ("*_cpu_us": [server, posters]) tell where time goes when
-// the rates swing. Prints one JSON line.
+// the rates swing. Prints one JSON line. Pinned to one CPU (taskset -c 0) the rates hardly
+// swing and the CPU figures give the library's own cost per record.
 //
 //   build/bin/ingest_bench [--records M] [--posters 1,4,8] [--repeat N] [--window W]
 #include <signal.h>
@@ -25,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -43,11 +46,12 @@ const char kPostTopic[] = "maintenance:POST";
 constexpr int kPipelinedPosters = 4;
 constexpr int kStoreLimitMiB = 2000;  // the largest whole MiB a 32-bit byte count holds, nearly
 
-// A valid burying point of exactly `bytes` bytes, padded in its name.
-std::string BuryingPoint(size_t bytes, int poster) {
+// A valid burying point of exactly `bytes` bytes, padded in its name, for the store's stream
+// named `stream`.
+std::string BuryingPoint(size_t bytes, const std::string& stream, int poster) {
   std::string head =
-      "{\"header\": {\"type\": 512, \"version\": \"1.0\", \"focus\": \"/usr/bin/bench:" +
-      std::to_string(1000 + poster) +
+      "{\"header\": {\"type\": 512, \"version\": \"1.0\", \"focus\": \"/usr/bin/" + stream +
+      ":" + std::to_string(1000 + poster) +
       "\", \"id\": \"6f1c2d0e-0000-4000-8000-000000000000\", \"module\": \"bench\", "
       "\"function\": \"ingest\", \"time\": \"2026/01/01 00:00:00\", \"product\": \"bench\", "
       "\"product_version\": \"1.0\", \"agent_id\": \"\", \"name\": \"";
@@ -80,9 +84,9 @@ pid_t StartBareServer() {
 // What one poster does with its records: returns how many were answered 0, or -1.
 using PosterFn = std::function<long(int poster, long records)>;
 
-long SyncPoster(const char* topic, int poster, long records) {
+long SyncPoster(const char* topic, const std::string& stream, int poster, long records) {
   nuv_comm_init();
-  std::string bp = BuryingPoint(300, poster);
+  std::string bp = BuryingPoint(300, stream, poster);
   comm_data* data = nuv_comm_new_data(bp.data(), static_cast<unsigned int>(bp.size()));
   long zeros = 0;
   for (long i = 0; i < records; ++i) zeros += nuv_comm_post(topic, data) == 0;
@@ -90,9 +94,10 @@ long SyncPoster(const char* topic, int poster, long records) {
   return zeros;
 }
 
-long PipelinedPoster(const char* topic, unsigned int window, int poster, long records) {
+long PipelinedPoster(const char* topic, const std::string& stream, unsigned int window, int poster,
+                     long records) {
   nuv_comm_init();
-  std::string bp = BuryingPoint(300, poster);
+  std::string bp = BuryingPoint(300, stream, poster);
   comm_data* data = nuv_comm_new_data(bp.data(), static_cast<unsigned int>(bp.size()));
   std::vector<comm_data*> msgs(static_cast<size_t>(records), data);
   std::vector<int> results(msgs.size());
@@ -102,10 +107,12 @@ long PipelinedPoster(const char* topic, unsigned int window, int poster, long re
   return std::count(results.begin(), results.end(), 0);
 }
 
-long RawPoster(const std::string& path, int window, int poster, long records) {
+long RawPoster(const std::string& path, const std::string& stream, int window, int poster,
+              long records) {
   int fd = ingest::Connect(path);
   if (fd < 0) return -1;
-  long zeros = ingest::RawPost(fd, ingest::Frame(BuryingPoint(300, poster)), records, window);
+  long zeros =
+      ingest::RawPost(fd, ingest::Frame(BuryingPoint(300, stream, poster)), records, window);
   ::close(fd);
   return zeros;
 }
@@ -186,21 +193,47 @@ Outcome Run(const PosterFn& fn, int posters, long records, pid_t server) {
   return o;
 }
 
-// Runs `measure` `repeat` times; the run with the median rate, with every run's records
-// answered 0 added to `acked` and its failures to `failed`.
-Outcome MedianRun(int repeat, const std::function<Outcome()>& measure, long* acked, long* failed) {
-  std::vector<Outcome> runs;
+// One thing to measure, with the counters its runs' records answered 0 and failures are added
+// to (either may be null).
+struct Measure {
+  std::function<Outcome()> run;
+  long* acked;
+  long* failed;
+};
+
+// Runs every measure `repeat` times, taking turns, so that what drifts over a run of the bench
+// (the store's files growing, the kernel's writeback, where the scheduler has put whom) falls
+// on all of them alike. Returns each measure's runs in order.
+std::vector<std::vector<Outcome>> TakeTurns(int repeat, const std::vector<Measure>& measures) {
+  std::vector<std::vector<Outcome>> runs(measures.size());
   for (int i = 0; i < repeat; ++i) {
-    runs.push_back(measure());
-    if (acked) *acked += runs.back().zeros;
-    if (failed) *failed += runs.back().failed;
+    for (size_t m = 0; m < measures.size(); ++m) {
+      runs[m].push_back(measures[m].run());
+      if (measures[m].acked) *measures[m].acked += runs[m].back().zeros;
+      if (measures[m].failed) *measures[m].failed += runs[m].back().failed;
+    }
   }
+  return runs;
+}
+
+// The run with the median rate.
+Outcome Median(std::vector<Outcome> runs) {
   std::sort(runs.begin(), runs.end(),
             [](const Outcome& a, const Outcome& b) { return a.rate < b.rate; });
   return runs[runs.size() / 2];
 }
 
 double Ratio(double a, double b) { return a > 0 && b > 0 ? a / b : -1; }
+
+// Each turn's rate of `a` over that of `b`, run beside it: how far the ratio of the medians
+// can be trusted.
+json_t* TurnRatios(const std::vector<Outcome>& a, const std::vector<Outcome>& b) {
+  json_t* ratios = json_array();
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    json_array_append_new(ratios, json_real(Ratio(a[i].rate, b[i].rate)));
+  }
+  return ratios;
+}
 
 // The burying points of type 512 in the store, as `nuvctl store ls` counts them.
 long RecordsInStore(const nuvtest::TempDir& tree) {
@@ -234,7 +267,8 @@ bool WriteConfig(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  long records = 20000;
+  // Runs of seconds, not tenths: the CPU figures are read in clock ticks of 10 ms.
+  long records = 100000;
   int repeat = 3;
   unsigned int window = 64;
   std::vector<int> posters = {1, 4, 8};
@@ -285,81 +319,80 @@ int main(int argc, char** argv) {
   long acked = 0, failed = 0, bareFailed = 0;
   json_t* out = json_pack("{s:s, s:i, s:I, s:i}", "bench", "ingest", "record_bytes", 300,
                           "records_per_poster", static_cast<json_int_t>(records), "repeat", repeat);
-  json_t* sync = json_array();
+  json_t* syncRows = json_array();
   for (int k : posters) {
-    Outcome d = MedianRun(
+    // Each measurement has a stream of its own: none outgrows the store's limit on one.
+    const std::string stream = "bench_sync" + std::to_string(k);
+    auto sync = [&](const char* topic, pid_t server) {
+      return Run([&](int p, long n) { return SyncPoster(topic, stream, p, n); }, k, records,
+                 server);
+    };
+    auto turns = TakeTurns(
         repeat,
-        [&] { return Run([](int p, long n) { return SyncPoster(kPostTopic, p, n); }, k, records, daemon); },
-        &acked, &failed);
-    Outcome b = MedianRun(
-        repeat,
-        [&] { return Run([](int p, long n) { return SyncPoster(kBareTopic, p, n); }, k, records, bare); },
-        nullptr, &bareFailed);
-    Outcome s = MedianRun(
-        repeat,
-        [&] {
-          return Run([&](int p, long n) { return RawPoster(socketPath, 1, p, n); }, k, records,
-                     bareSocket);
-        },
-        nullptr, &bareFailed);
+        {{[&] { return sync(kPostTopic, daemon); }, &acked, &failed},
+         {[&] { return sync(kBareTopic, bare); }, nullptr, &bareFailed},
+         {[&] {
+            return Run([&](int p, long n) { return RawPoster(socketPath, stream, 1, p, n); }, k,
+                       records, bareSocket);
+          },
+          nullptr, &bareFailed}});
+    const Outcome d = Median(turns[0]), b = Median(turns[1]), s = Median(turns[2]);
     // CPU per record in microseconds, server and posters, beside each rate.
-    json_array_append_new(
-        sync, json_pack("{s:i, s:f, s:f, s:f, s:f, s:f, s:[ff], s:[ff], s:[ff]}", "posters", k,
-                        "daemon_per_s", d.rate, "bus_bare_handler_per_s", b.rate,
-                        "bare_socket_per_s", s.rate, "daemon_vs_bus", Ratio(d.rate, b.rate),
-                        "bus_vs_socket", Ratio(b.rate, s.rate), "daemon_cpu_us", d.server_us,
-                        d.client_us, "bus_cpu_us", b.server_us, b.client_us, "socket_cpu_us",
-                        s.server_us, s.client_us));
+    json_t* row = json_pack(
+        "{s:i, s:f, s:f, s:f, s:f, s:f, s:[ff], s:[ff], s:[ff]}", "posters", k, "daemon_per_s",
+        d.rate, "bus_bare_handler_per_s", b.rate, "bare_socket_per_s", s.rate, "daemon_vs_bus",
+        Ratio(d.rate, b.rate), "bus_vs_socket", Ratio(b.rate, s.rate), "daemon_cpu_us",
+        d.server_us, d.client_us, "bus_cpu_us", b.server_us, b.client_us, "socket_cpu_us",
+        s.server_us, s.client_us);
+    json_object_set_new(row, "daemon_vs_bus_turns", TurnRatios(turns[0], turns[1]));
+    json_object_set_new(row, "bus_vs_socket_turns", TurnRatios(turns[1], turns[2]));
+    json_array_append_new(syncRows, row);
   }
-  json_object_set_new(out, "sync", sync);
+  json_object_set_new(out, "sync", syncRows);
 
-  Outcome pipelined = MedianRun(
-      repeat,
-      [&] {
-        return Run([&](int p, long n) { return PipelinedPoster(kPostTopic, window, p, n); },
-                   kPipelinedPosters, records, daemon);
-      },
-      &acked, &failed);
-  Outcome pipelinedBus = MedianRun(
-      repeat,
-      [&] {
-        return Run([&](int p, long n) { return PipelinedPoster(kBareTopic, window, p, n); },
-                   kPipelinedPosters, records, bare);
-      },
-      nullptr, &bareFailed);
-  Outcome pipelinedRaw = MedianRun(
-      repeat,
-      [&] {
-        return Run([&](int p, long n) {
-          return RawPoster(bus + "/" + kPostTopic, static_cast<int>(window), p, n);
-        }, kPipelinedPosters, records, daemon);
-      },
-      &acked, &failed);
-  double syslogRate = -1;
+  auto pipelinedRun = [&](const char* topic, const std::string& stream, pid_t server) {
+    return Run([&](int p, long n) { return PipelinedPoster(topic, stream, window, p, n); },
+               kPipelinedPosters, records, server);
+  };
+  std::vector<Measure> pipelinedMeasures = {
+      {[&] { return pipelinedRun(kPostTopic, "bench_pipelined", daemon); }, &acked, &failed},
+      {[&] { return pipelinedRun(kBareTopic, "bench_pipelined", bare); }, nullptr, &bareFailed},
+      {[&] {
+         return Run([&](int p, long n) {
+           return RawPoster(bus + "/" + kPostTopic, "bench_raw", static_cast<int>(window), p, n);
+         }, kPipelinedPosters, records, daemon);
+       },
+       &acked, &failed}};
+  nuvtest::TempDir slDir;
+  std::unique_ptr<ingest::SyslogNg> syslog;
   if (!ingest::HaveSyslogNg()) {
     std::fprintf(stderr, "syslog-ng or loggen not found: run bench/setup.sh for the comparison\n");
   } else {
-    nuvtest::TempDir slDir;
-    ingest::SyslogNg syslog(slDir.path());
-    if (syslog.ok()) {
-      syslogRate = MedianRun(
-                       repeat,
-                       [&] {
-                         Outcome o;
-                         o.rate = syslog.Ingest(kPipelinedPosters, records);
-                         return o;
-                       },
-                       nullptr, nullptr)
-                       .rate;
+    syslog.reset(new ingest::SyslogNg(slDir.path()));
+    if (syslog->ok()) {
+      pipelinedMeasures.push_back({[&] {
+                                     Outcome o;
+                                     o.rate = syslog->Ingest(kPipelinedPosters, records);
+                                     return o;
+                                   },
+                                   nullptr, nullptr});
     }
   }
-  json_object_set_new(
-      out, "pipelined",
+  auto pipelinedTurns = TakeTurns(repeat, pipelinedMeasures);
+  const Outcome pipelined = Median(pipelinedTurns[0]), pipelinedBus = Median(pipelinedTurns[1]),
+                pipelinedRaw = Median(pipelinedTurns[2]);
+  const double syslogRate = pipelinedTurns.size() > 3 ? Median(pipelinedTurns[3]).rate : -1;
+  json_t* pipelinedRow =
       json_pack("{s:i, s:i, s:f, s:f, s:f, s:f, s:f, s:[ff]}", "posters", kPipelinedPosters,
                 "window", window, "daemon_per_s", pipelined.rate, "daemon_raw_client_per_s",
                 pipelinedRaw.rate, "bus_bare_handler_per_s", pipelinedBus.rate, "syslog_ng_per_s",
                 syslogRate, "daemon_vs_syslog_ng", Ratio(pipelined.rate, syslogRate),
-                "daemon_cpu_us", pipelined.server_us, pipelined.client_us));
+                "daemon_cpu_us", pipelined.server_us, pipelined.client_us);
+  if (pipelinedTurns.size() > 3) {
+    json_object_set_new(pipelinedRow, "daemon_vs_syslog_ng_turns",
+                        TurnRatios(pipelinedTurns[0], pipelinedTurns[3]));
+  }
+  json_object_set_new(out, "pipelined", pipelinedRow);
 
   ::kill(daemon, SIGTERM);
   int daemonExit = nuvtest::WaitExit(daemon);
