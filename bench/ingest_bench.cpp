@@ -323,14 +323,14 @@ int main(int argc, char** argv) {
   for (int k : posters) {
     // Each measurement has a stream of its own: none outgrows the store's limit on one.
     const std::string stream = "bench_sync" + std::to_string(k);
-    auto sync = [&](const char* topic, pid_t server) {
+    auto syncRun = [&](const char* topic, pid_t server) {
       return Run([&](int p, long n) { return SyncPoster(topic, stream, p, n); }, k, records,
                  server);
     };
     auto turns = TakeTurns(
         repeat,
-        {{[&] { return sync(kPostTopic, daemon); }, &acked, &failed},
-         {[&] { return sync(kBareTopic, bare); }, nullptr, &bareFailed},
+        {{[&] { return syncRun(kPostTopic, daemon); }, &acked, &failed},
+         {[&] { return syncRun(kBareTopic, bare); }, nullptr, &bareFailed},
          {[&] {
             return Run([&](int p, long n) { return RawPoster(socketPath, stream, 1, p, n); }, k,
                        records, bareSocket);
