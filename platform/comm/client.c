@@ -154,9 +154,21 @@ enum {
 
 static int io_failure(void) { return errno == ETIMEDOUT ? XCH_TIMEOUT : XCH_GONE; }
 
-static int read_reply(int fd, unsigned int max_msg, int64_t deadline, int *result) {
+static int read_reply(struct nuv__cconn *c, unsigned int max_msg, int64_t deadline,
+                      int *result) {
+  int fd = c->fd;
   unsigned char b[8];
-  if (nuv__comm_recv_all(fd, b, sizeof b, deadline, 1) != 0) return io_failure();
+  ssize_t got = nuv__spin_recv(&c->spin, fd, b, sizeof b);
+  if (got == 0) return XCH_GONE;
+  if (got < 0 && errno != EAGAIN) return io_failure();
+  if (got < 0) {
+    int rc = nuv__comm_recv_all(fd, b, sizeof b, deadline, 1);
+    nuv__spin_slept(&c->spin);
+    if (rc != 0) return io_failure();
+  } else if ((size_t)got < sizeof b &&
+             nuv__comm_recv_all(fd, b + got, sizeof b - (size_t)got, deadline, 1) != 0) {
+    return io_failure();
+  }
   uint32_t len = nuv__comm_get_le32(b);
   if (len < 4 || len - 4 > max_msg) return XCH_BAD;
   *result = (int)nuv__comm_get_le32(b + 4);
@@ -176,10 +188,10 @@ static int exchange(struct nuv__cconn *c, const comm_data *d, unsigned int max_m
   if (nuv__comm_send_all(fd, iov, 2, nuv__comm_now_ms() + timeout) != 0) {
     if (errno != EPIPE && errno != ECONNRESET) return io_failure();
     /* A server that refuses a frame answers before it closes: the answer may be waiting. */
-    int x = read_reply(fd, max_msg, nuv__comm_now_ms() + timeout, result);
+    int x = read_reply(c, max_msg, nuv__comm_now_ms() + timeout, result);
     return x == XCH_OK ? XCH_CLOSE : XCH_GONE;
   }
-  return read_reply(fd, max_msg, nuv__comm_now_ms() + timeout, result);
+  return read_reply(c, max_msg, nuv__comm_now_ms() + timeout, result);
 }
 
 int nuv__client_post(const char *dir, const char *topic, const comm_data *data,

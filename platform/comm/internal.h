@@ -44,6 +44,23 @@ int nuv__comm_skip(int fd, size_t len, int64_t deadline_ms);
 void nuv__comm_put_le32(unsigned char *p, uint32_t v);
 uint32_t nuv__comm_get_le32(const unsigned char *p);
 
+/* ---- spin.c: waits spun before they sleep ---- */
+
+/* One connection's record of how its waits went. Zeroed, it spins on its first wait. */
+struct nuv__spin {
+  int64_t began; /* when the current wait began, monotonic ns */
+  int sleep;     /* the last wait was too long to spin through */
+};
+
+/* Begins a wait for bytes on `fd`: while the connection's waits are short, tries non-blocking
+ * reads for a few tens of microseconds. What recv gave (bytes, or 0 when the peer closed), or
+ * -1 with errno: EAGAIN when nothing came and the caller is to wait its own way and then call
+ * nuv__spin_slept. */
+ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len);
+
+/* Ends a wait that nuv__spin_recv handed back: its length decides whether the next one spins. */
+void nuv__spin_slept(struct nuv__spin *s);
+
 /* ---- addr.c: socket addresses that may not fit in sun_path ---- */
 
 /* bind() or connect() `fd` to the socket `name` in directory `dir` (dir_fd: an open handle of
@@ -150,6 +167,7 @@ struct nuv__cconn {
   int fd;
   unsigned int rcv_ms;
   unsigned int gen;
+  struct nuv__spin spin; /* how waits for replies on it went */
 };
 
 /* An idle pooled connection to `topic` (*pooled = 1), else a new one made by `deadline`

@@ -148,6 +148,7 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
   /* The idle wait is a read that blocks at most idle_ms; without that bound, a poll. */
   int block_idle = nuv__comm_set_rcvtimeo(fd, t->idle_ms) == 0;
   int64_t frame_deadline = 0;
+  struct nuv__spin spin = {0};
   if (!r) return;
   r->n = 0;
   while (reserve(&b, BASE_BUF) == 0) {
@@ -156,7 +157,11 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
       int64_t idle = nuv__comm_now_ms();
       if (idle < 1) idle = 1;
       if (!mark_idle(c, idle)) break;
-      got = read_some(fd, &b, block_idle, idle + (int64_t)t->idle_ms);
+      got = nuv__spin_recv(&spin, fd, b.p + b.len, b.cap - b.len);
+      if (got < 0 && errno == EAGAIN) {
+        got = read_some(fd, &b, block_idle, idle + (int64_t)t->idle_ms);
+        nuv__spin_slept(&spin);
+      }
       if (got <= 0 || !mark_busy(c, idle)) break;
       /* Once a frame starts, the rest must follow within the time-out. */
       frame_deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
