@@ -11,11 +11,13 @@
 
 #include "internal.h"
 
-int64_t nuv__comm_now_ms(void) {
+int64_t nuv__comm_now_ns(void) {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+  return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
 }
+
+int64_t nuv__comm_now_ms(void) { return nuv__comm_now_ns() / 1000000; }
 
 int nuv__comm_wait_fd(int fd, short events, int64_t deadline_ms) {
   for (;;) {

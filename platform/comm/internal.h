@@ -18,7 +18,8 @@ struct comm_data {
 
 /* ---- frame.c: deadline-bound socket I/O ---- */
 
-/* Monotonic milliseconds. */
+/* Monotonic nanoseconds, and milliseconds. */
+int64_t nuv__comm_now_ns(void);
 int64_t nuv__comm_now_ms(void);
 
 /* Sends every byte of iov[0..n) on `fd` by `deadline_ms` (monotonic; -1 waits for ever).

@@ -7,20 +7,13 @@
 #include <errno.h>
 #include <sched.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include "internal.h"
 
 #define SPIN_NS 50000
 
-static int64_t now_ns(void) {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
-}
-
 ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
-  s->began = now_ns();
+  s->began = nuv__comm_now_ns();
   if (s->sleep) {
     errno = EAGAIN;
     return -1;
@@ -30,7 +23,7 @@ ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
     if (got >= 0) return got;
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (now_ns() - s->began >= SPIN_NS) {
+    if (nuv__comm_now_ns() - s->began >= SPIN_NS) {
       errno = EAGAIN;
       return -1;
     }
@@ -38,4 +31,4 @@ ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
   }
 }
 
-void nuv__spin_slept(struct nuv__spin *s) { s->sleep = now_ns() - s->began > SPIN_NS; }
+void nuv__spin_slept(struct nuv__spin *s) { s->sleep = nuv__comm_now_ns() - s->began > SPIN_NS; }
