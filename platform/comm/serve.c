@@ -2,7 +2,7 @@
  * buffer; the complete frames in it go to the topic together, in order, and the replies go out
  * in one send.
  * A synchronous client costs a read and a send per request, and a client that sends ahead
- * costs the same per batch. */
+ * costs the same per batch; a request not there yet is first waited for by a spin (spin.c). */
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
