@@ -161,14 +161,11 @@ static int read_reply(struct nuv__cconn *c, unsigned int max_msg, int64_t deadli
   ssize_t got = nuv__spin_recv(&c->spin, fd, b, sizeof b);
   if (got == 0) return XCH_GONE;
   if (got < 0 && errno != EAGAIN) return io_failure();
-  if (got < 0) {
-    int rc = nuv__comm_recv_all(fd, b, sizeof b, deadline, 1);
-    nuv__spin_slept(&c->spin);
-    if (rc != 0) return io_failure();
-  } else if ((size_t)got < sizeof b &&
-             nuv__comm_recv_all(fd, b + got, sizeof b - (size_t)got, deadline, 1) != 0) {
-    return io_failure();
-  }
+  /* What the spin left to read, if anything, is waited for in the read itself. */
+  size_t have = got > 0 ? (size_t)got : 0;
+  int rc = nuv__comm_recv_all(fd, b + have, sizeof b - have, deadline, 1);
+  if (got < 0) nuv__spin_slept(&c->spin);
+  if (rc != 0) return io_failure();
   uint32_t len = nuv__comm_get_le32(b);
   if (len < 4 || len - 4 > max_msg) return XCH_BAD;
   *result = (int)nuv__comm_get_le32(b + 4);
