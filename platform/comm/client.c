@@ -58,6 +58,7 @@ void nuv__client_give(const char *topic, struct nuv__cconn *c) {
     if (e && e->n < POOL_IDLE_MAX) {
       e->conns[e->n++] = *c;
       c->fd = -1;
+      c->spin.bell.page = NULL; /* the pool's copy owns it now */
     }
   }
   pthread_mutex_unlock(&p_mu);
@@ -67,6 +68,7 @@ void nuv__client_give(const char *topic, struct nuv__cconn *c) {
 void nuv__client_close(struct nuv__cconn *c) {
   if (c->fd >= 0) close(c->fd);
   c->fd = -1;
+  nuv__bell_drop(&c->spin.bell);
 }
 
 void nuv__client_pool_clear(void) {
@@ -77,7 +79,7 @@ void nuv__client_pool_clear(void) {
   pthread_mutex_unlock(&p_mu);
   while (e) {
     struct pool_entry *next = e->next;
-    for (int i = 0; i < e->n; ++i) close(e->conns[i].fd);
+    for (int i = 0; i < e->n; ++i) nuv__client_close(&e->conns[i]);
     free(e);
     e = next;
   }
@@ -90,11 +92,13 @@ int nuv__comm_trusted_server(int fd) {
   return cred.uid == geteuid() || cred.uid == 0 ? 0 : -1;
 }
 
-/* Connects to the topic's socket by `deadline`. 0 with *out set, or a bus code. */
-static int open_conn(const char *dir, const char *topic, int64_t deadline, int *out) {
+/* Connects to the topic's socket by `deadline` and asks for a shared page. 0 with c->fd and
+ * c->spin set, or a bus code. */
+static int open_conn(const char *dir, const char *topic, int64_t deadline, struct nuv__cconn *c) {
   /* Non-blocking while connecting, so a full backlog does not hold us past the deadline. */
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return NUV_COMM_E_SYSTEM;
+  int err;
   for (;;) {
     if (nuv__comm_connect_at(fd, dir, -1, topic) == 0) {
       /* Whoever serves the topic gets what we post: only ourselves or root. */
@@ -109,10 +113,15 @@ static int open_conn(const char *dir, const char *topic, int64_t deadline, int *
         close(fd);
         return NUV_COMM_E_SYSTEM;
       }
-      *out = fd;
+      c->fd = fd;
+      if (nuv__bell_ask(fd, &c->spin.bell, deadline) != 0) {
+        err = errno;
+        nuv__client_close(c);
+        return err == ETIMEDOUT ? NUV_COMM_E_TIMEOUT : NUV_COMM_E_CONN;
+      }
       return 0;
     }
-    int err = errno;
+    err = errno;
     if (err == EAGAIN && nuv__comm_now_ms() < deadline) {
       poll(NULL, 0, 1); /* backlog full: the server is alive, give it a moment */
       continue;
@@ -134,7 +143,8 @@ int nuv__client_take(const char *dir, const char *topic, int64_t deadline, struc
 int nuv__client_open(const char *dir, const char *topic, int64_t deadline,
                      struct nuv__cconn *c) {
   c->rcv_ms = 0;
-  return open_conn(dir, topic, deadline, &c->fd);
+  c->spin = (struct nuv__spin){0};
+  return open_conn(dir, topic, deadline, c);
 }
 
 int nuv__client_rcvtimeo(struct nuv__cconn *c, unsigned int ms) {
@@ -171,6 +181,7 @@ static int read_reply(struct nuv__cconn *c, unsigned int max_msg, int64_t deadli
   *result = (int)nuv__comm_get_le32(b + 4);
   /* Reply bytes are not handed out; they are read only to keep the stream in step. */
   if (len > 4 && nuv__comm_skip(fd, len - 4, deadline) != 0) return XCH_CLOSE;
+  c->spin.bell.seen += 4 + len;
   return XCH_OK;
 }
 
@@ -188,6 +199,7 @@ static int exchange(struct nuv__cconn *c, const comm_data *d, unsigned int max_m
     int x = read_reply(c, max_msg, nuv__comm_now_ms() + timeout, result);
     return x == XCH_OK ? XCH_CLOSE : XCH_GONE;
   }
+  nuv__bell_ring(&c->spin.bell, sizeof hdr + d->length);
   return read_reply(c, max_msg, nuv__comm_now_ms() + timeout, result);
 }
 

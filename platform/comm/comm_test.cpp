@@ -165,6 +165,30 @@ TEST(CommWire, ARawClientSpeaksTheFrameFormat) {
   EXPECT_EQ(rec.calls.load(), 4);
 }
 
+// A connection's first frame may ask for a page of counts shared with the server; it is
+// answered 0 and never reaches the topic. Anywhere else the same bytes are a request like any.
+TEST(CommWire, OnlyAConnectionsFirstFrameCanAskForASharedPage) {
+  Bus bus;
+  Recorder rec;
+  ASSERT_EQ(nuv_comm_register("bell", Recorder::Handle, &rec), 0);
+  const std::string body("\0nuv_comm bell\0\x01", 16);
+
+  int fd = RawConnect(bus.Path("bell"));
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(RawExchange(fd, body), Reply(0));  // its descriptor is dropped by a plain recv
+  EXPECT_EQ(RawExchange(fd, "x"), Reply(Fnv1a("x")));
+  EXPECT_EQ(RawExchange(fd, body), Reply(Fnv1a(body)));
+  close(fd);
+
+  fd = RawConnect(bus.Path("bell"));
+  ASSERT_GE(fd, 0);
+  std::string almost = body;
+  almost[15] = '\x02';
+  EXPECT_EQ(RawExchange(fd, almost), Reply(Fnv1a(almost)));
+  close(fd);
+  EXPECT_EQ(rec.calls.load(), 3);
+}
+
 TEST(CommWire, OversizedFramesAreRefusedAndTheServerKeepsServing) {
   Bus bus;  // with the default limit, far above the server's
   Peer server({"serve", "small"}, {"NUV_COMM_MAX_MSG=1024"});

@@ -45,18 +45,54 @@ int nuv__comm_skip(int fd, size_t len, int64_t deadline_ms);
 void nuv__comm_put_le32(unsigned char *p, uint32_t v);
 uint32_t nuv__comm_get_le32(const unsigned char *p);
 
+/* ---- bell.c: counts of bytes sent, shared by the two ends of a connection ---- */
+
+/* One end's view of the shared page; all zero when the connection has none. */
+struct nuv__bell {
+  void *page;
+  uint32_t *rings;       /* this end adds the bytes it sent */
+  const uint32_t *heard; /* the peer adds the bytes it sent */
+  uint32_t seen;         /* the bytes this end received */
+};
+
+/* The frame a client sends first to ask for a page, header included. */
+#define NUV__BELL_HELLO_LEN 20
+
+/* Whether `bytes` start with the hello frame. */
+int nuv__bell_is_hello(const unsigned char *bytes, size_t len);
+
+/* Client: sends the hello on a new connection and reads the answer by `deadline_ms`. 0 with
+ * the page attached, or with none when the server sent none; -1 with errno when the
+ * connection failed. */
+int nuv__bell_ask(int fd, struct nuv__bell *b, int64_t deadline_ms);
+
+/* Server: answers a hello with result 0 and a new page, or with no page when none could be
+ * made. 0, or -1 with errno when the answer could not be sent. */
+int nuv__bell_give(int fd, struct nuv__bell *b);
+
+/* Adds `bytes` sent to this end's count (nothing without a page). */
+void nuv__bell_ring(struct nuv__bell *b, size_t bytes);
+
+/* Whether the peer has sent more than b->seen; needs a page. */
+int nuv__bell_rung(const struct nuv__bell *b);
+
+/* Unmaps the page and zeroes `b`. */
+void nuv__bell_drop(struct nuv__bell *b);
+
 /* ---- spin.c: waits spun before they sleep ---- */
 
 /* One connection's record of how its waits went. Zeroed, it spins on its first wait. */
 struct nuv__spin {
-  int64_t began; /* when the current wait began, monotonic ns */
-  int sleep;     /* the last wait was too long to spin through */
+  int64_t began;      /* when the current wait began, monotonic ns */
+  int sleep;          /* the last wait was too long to spin through */
+  unsigned crowded;   /* waits left that yield at once: a busy spin fell short lately */
+  struct nuv__bell bell; /* when it has a page, the wait watches the peer's count */
 };
 
-/* Begins a wait for bytes on `fd`: while the connection's waits are short, tries non-blocking
- * reads for a few tens of microseconds. What recv gave (bytes, or 0 when the peer closed), or
- * -1 with errno: EAGAIN when nothing came and the caller is to wait its own way and then call
- * nuv__spin_slept. */
+/* Begins a wait for bytes on `fd`: while the connection's waits are short, watches for them
+ * for a few tens of microseconds. What recv gave (bytes, or 0 when the peer closed), or -1
+ * with errno: EAGAIN when nothing came and the caller is to wait its own way and then call
+ * nuv__spin_slept. The caller adds what it receives to s->bell.seen. */
 ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len);
 
 /* Ends a wait that nuv__spin_recv handed back: its length decides whether the next one spins. */

@@ -13,6 +13,7 @@
 
 struct pipe {
   int fd;
+  struct nuv__bell *bell; /* the connection's counts of bytes sent, kept true for later waits */
   comm_data *const *msgs;
   int *results;
   unsigned int count, window, max_msg;
@@ -73,6 +74,7 @@ static int send_some(struct pipe *p) {
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
   p->sent += (size_t)sent;
+  nuv__bell_ring(p->bell, (size_t)sent);
   for (size_t left = (size_t)sent; left > 0;) {
     size_t frame = 4 + p->msgs[p->next_send]->length - p->off;
     if (left < frame) {
@@ -118,6 +120,7 @@ static int recv_some(struct pipe *p, int block) {
     return -1;
   }
   p->in_len += (size_t)got;
+  p->bell->seen += (uint32_t)got;
   size_t at = 0;
   int took = 0;
   for (;;) {
@@ -196,6 +199,7 @@ int nuv__client_post_many(const char *dir, const char *topic, comm_data *const *
   int rc = nuv__client_take(dir, topic, nuv__comm_now_ms() + timeout, &c, &pooled);
   for (int attempt = 0; rc == 0; ++attempt) {
     p.fd = c.fd;
+    p.bell = &c.spin.bell;
     if (nuv__client_rcvtimeo(&c, timeout) != 0) {
       rc = NUV_COMM_E_SYSTEM;
     } else {

@@ -62,6 +62,7 @@ static ssize_t read_some(int fd, struct inbuf *b, int block, int64_t deadline) {
 
 /* The replies gathered for one send, and the requests read together that they answer. */
 struct replies {
+  struct nuv__bell *bell; /* the connection's, told of every send */
   unsigned char b[REPLIES_MAX * 8];
   unsigned int n;
   comm_data req[REPLIES_MAX];
@@ -74,7 +75,11 @@ static int flush(int fd, struct replies *r) {
   if (r->n == 0) return 0;
   struct iovec iov = {.iov_base = r->b, .iov_len = r->n * 8u};
   r->n = 0;
-  return nuv__comm_send_all(fd, &iov, 1, nuv__comm_now_ms() + nuv__comm_timeout_ms());
+  if (nuv__comm_send_all(fd, &iov, 1, nuv__comm_now_ms() + nuv__comm_timeout_ms()) != 0) {
+    return -1;
+  }
+  nuv__bell_ring(r->bell, iov.iov_len);
+  return 0;
 }
 
 static int add_reply(int fd, struct replies *r, int result) {
@@ -149,8 +154,10 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
   int block_idle = nuv__comm_set_rcvtimeo(fd, t->idle_ms) == 0;
   int64_t frame_deadline = 0;
   struct nuv__spin spin = {0};
+  int first = 1;
   if (!r) return;
   r->n = 0;
+  r->bell = &spin.bell;
   while (reserve(&b, BASE_BUF) == 0) {
     ssize_t got;
     if (b.len == 0) {
@@ -169,7 +176,19 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
       got = read_some(fd, &b, 0, frame_deadline);
       if (got <= 0) break;
     }
-    size_t before = b.len += (size_t)got;
+    b.len += (size_t)got;
+    spin.bell.seen += (uint32_t)got;
+    if (first) {
+      first = 0;
+      if (nuv__bell_is_hello(b.p, b.len)) {
+        if (nuv__bell_give(fd, &spin.bell) != 0) break;
+        b.len -= NUV__BELL_HELLO_LEN;
+        memmove(b.p, b.p + NUV__BELL_HELLO_LEN, b.len);
+        spin.bell.seen = (uint32_t)b.len;
+        if (b.len == 0) continue;
+      }
+    }
+    size_t before = b.len;
     int rc = handle_frames(t, fd, &b, r);
     if (rc < 0 || flush(fd, r) != 0 || rc == 0) break;
     if (b.len > 0 && b.len < before) frame_deadline = nuv__comm_now_ms() + nuv__comm_timeout_ms();
@@ -179,6 +198,7 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
       b.cap = 0;
     }
   }
+  nuv__bell_drop(&spin.bell);
   free(b.p);
   free(r);
 }

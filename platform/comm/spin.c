@@ -1,9 +1,13 @@
 /* Waits for a peer that answers within microseconds. Sleeping through such a wait costs two
  * context switches and, when the CPU went idle meanwhile, a wake-up across CPUs that on a
- * virtual machine takes longer than the answer did; spinning costs neither. The spin yields
- * between tries, so a peer on the same CPU runs at once, and it gives up after SPIN_NS. A
- * connection whose last wait outlasted that does not spin until a wait is short again, so a
- * peer that posts now and then costs no spinning at all. */
+ * virtual machine takes longer than the answer did; spinning costs neither. It gives up after
+ * SPIN_NS, and a connection whose last wait outlasted that does not spin until a wait is short
+ * again, so a peer that posts now and then costs no spinning at all.
+ *
+ * With a shared count of bytes sent (bell.c) the spin watches memory: on a machine with CPUs
+ * to spare it first spins without system calls, for at most BUSY_NS; past that the peer
+ * evidently needs our CPU, so it yields between looks, and the next CROWDED_WAITS waits yield
+ * from the start. Without a count it tries non-blocking reads, yielding between them. */
 #include <errno.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -11,21 +15,55 @@
 #include "internal.h"
 
 #define SPIN_NS 50000
+#define BUSY_NS 10000
+#define CROWDED_WAITS 64
+
+static void relax(void) {
+#if defined(__i386__) || defined(__x86_64__)
+  __builtin_ia32_pause();
+#endif
+}
+
+/* Whether this process may run on more than one CPU; read once. */
+static int several_cpus(void) {
+  static int cpus;
+  int n = __atomic_load_n(&cpus, __ATOMIC_RELAXED);
+  if (n == 0) {
+    cpu_set_t set;
+    n = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+    __atomic_store_n(&cpus, n, __ATOMIC_RELAXED);
+  }
+  return n > 1;
+}
 
 ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
-  s->began = nuv__comm_now_ns();
+  int64_t began = s->began = nuv__comm_now_ns();
   if (s->sleep) {
     errno = EAGAIN;
     return -1;
   }
+  int watch = s->bell.heard != NULL;
+  int busy = watch && s->crowded == 0 && several_cpus();
+  if (s->crowded > 0) s->crowded--;
   for (;;) {
-    ssize_t got = recv(fd, buf, len, MSG_DONTWAIT);
-    if (got >= 0) return got;
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (nuv__comm_now_ns() - s->began >= SPIN_NS) {
+    if (!watch || nuv__bell_rung(&s->bell)) {
+      ssize_t got = recv(fd, buf, len, MSG_DONTWAIT);
+      if (got >= 0) return got;
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+    }
+    int64_t spun = nuv__comm_now_ns() - began;
+    if (spun >= SPIN_NS) {
       errno = EAGAIN;
       return -1;
+    }
+    if (busy && spun < BUSY_NS) {
+      relax();
+      continue;
+    }
+    if (busy) {
+      busy = 0;
+      s->crowded = CROWDED_WAITS;
     }
     sched_yield();
   }

@@ -9,6 +9,12 @@
  * (nuv_comm_post_many does): the server reads what has arrived, handles the frames in order
  * and sends their replies in the same order.
  *
+ * The first frame of a connection may instead be the 16 bytes "\0nuv_comm bell\0\1": the
+ * server answers it with result 0, passes it to no handler, and attaches (SCM_RIGHTS) a
+ * sealed 4096-byte memfd where from then on the client adds the bytes it sends to the 32-bit
+ * count at offset 0 and the server the bytes it sends to the one at offset 64. A waiter
+ * watches those counts instead of trying reads. Our client always asks; others need not.
+ *
  * Knobs, read from the environment when the bus is first initialised (init count 0 -> 1):
  *   NUV_COMM_DIR         socket directory; default /run/nuv-comm for root, else
  *                        $XDG_RUNTIME_DIR/nuv-comm, else /tmp/nuv-comm-<uid>. Created mode 0700
@@ -103,24 +109,24 @@ NUV_API int nuv_comm_unregister(const char *topic);
  * NUV_COMM_E_SYSTEM, NUV_COMM_E_UNTRUSTED. Not a cancellation point. Thread-safe. */
 NUV_API int nuv_comm_post(const char *topic, comm_data *data);
 
-/* Posts msgs[0..count) to `topic` in that order and stores each one's own result in
- * results[i]. For a topic served by another process, up to `window` requests (0: 64) are in
- * flight at once on one connection (a pooled one, or a new one if the pooled one turns out
- * closed before it took anything), and replies are matched to requests by their order. A topic served by this
- * process has its handler called for each message in turn on the calling thread.
- * Results: the handler's result for every request it answered. A message over
- * NUV_COMM_MAX_MSG is not sent: NUV_COMM_E_TOOBIG, and the others go on. When the connection
- * fails (the server dies or closes, breaks the protocol, or makes no progress within the
- * time-out), every request not answered yet, sent or not, gets NUV_COMM_E_CONN or
- * NUV_COMM_E_TIMEOUT; it may or may not have reached the handler, and it is never reported
- * as the handler's. A server that refuses a frame as too large answers it NUV_COMM_E_TOOBIG
- * and closes, so the requests after it get NUV_COMM_E_CONN. When no connection can be made,
- * every result is that failure's code (NUV_COMM_E_NOTOPIC, NUV_COMM_E_UNTRUSTED,
- * NUV_COMM_E_TIMEOUT, NUV_COMM_E_SYSTEM). Bad arguments (a bad topic, NULL msgs or a NULL
- * message) and NUV_COMM_E_NOINIT fill every result with that code and post nothing; a NULL
- * `results` with a non-zero count gives NUV_COMM_E_INVAL.
- * Returns 0 when every result is the handler's, else the first result that is a bus code
- * (handlers must not answer with those). The messages stay the caller's. Not a cancellation point. Thread-safe. */
+/* Posts msgs[0..count) to `topic` in that order and stores each one's own result in results[i].
+ * For a topic served by another process, up to `window` requests (0: 64) are in flight at once on
+ * one connection (a pooled one, or a new one if the pooled one turns out closed before it took
+ * anything), and replies are matched to requests by their order. A topic served by this process
+ * has its handler called for each message in turn on the calling thread.
+ * Results: the handler's result for every request it answered. A message over NUV_COMM_MAX_MSG is
+ * not sent: NUV_COMM_E_TOOBIG, and the others go on. When the connection fails (the server dies
+ * or closes, breaks the protocol, or makes no progress within the time-out), every request not
+ * answered yet, sent or not, gets NUV_COMM_E_CONN or NUV_COMM_E_TIMEOUT; it may or may not have
+ * reached the handler, and it is never reported as the handler's. A server that refuses a frame
+ * as too large answers it NUV_COMM_E_TOOBIG and closes, so the requests after it get
+ * NUV_COMM_E_CONN. When no connection can be made, every result is that failure's code
+ * (NUV_COMM_E_NOTOPIC, NUV_COMM_E_UNTRUSTED, NUV_COMM_E_TIMEOUT, NUV_COMM_E_SYSTEM, or
+ * NUV_COMM_E_CONN for a server that closed at once). Bad arguments (a bad topic, NULL msgs or a
+ * NULL message) and NUV_COMM_E_NOINIT fill every result with that code and post nothing; a NULL
+ * `results` with a non-zero count gives NUV_COMM_E_INVAL. Returns 0 when every result is the
+ * handler's, else the first result that is a bus code (handlers must not answer with those). The
+ * messages stay the caller's. Not a cancellation point. Thread-safe. */
 NUV_API int nuv_comm_post_many(const char *topic, comm_data *const *msgs, unsigned int count,
                                unsigned int window, int *results);
 
