@@ -86,6 +86,7 @@ struct nuv__spin {
   int64_t began;      /* when the current wait began, monotonic ns */
   int sleep;          /* the last wait was too long to spin through */
   unsigned crowded;   /* waits left that yield at once: a busy spin fell short lately */
+  unsigned misses;    /* busy spins in a row that fell short, up to a bound */
   struct nuv__bell bell; /* when it has a page, the wait watches the peer's count */
 };
 

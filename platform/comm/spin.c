@@ -6,8 +6,10 @@
  *
  * With a shared count of bytes sent (bell.c) the spin watches memory: on a machine with CPUs
  * to spare it first spins without system calls, for at most BUSY_NS; past that the peer
- * evidently needs our CPU, so it yields between looks, and the next CROWDED_WAITS waits yield
- * from the start. Without a count it tries non-blocking reads, yielding between them. */
+ * evidently needs our CPU, so it yields between looks, and the next few waits yield from the
+ * start: CROWDED_WAITS after a spin that fell short by chance, twice as many after each that
+ * fell short in a row, up to CROWDED_WAITS << CROWDED_DOUBLINGS while the CPUs stay shared.
+ * Without a count it tries non-blocking reads, yielding between them. */
 #include <errno.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -16,7 +18,8 @@
 
 #define SPIN_NS 50000
 #define BUSY_NS 10000
-#define CROWDED_WAITS 64
+#define CROWDED_WAITS 8
+#define CROWDED_DOUBLINGS 5
 
 static void relax(void) {
 #if defined(__i386__) || defined(__x86_64__)
@@ -48,7 +51,10 @@ ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
   for (;;) {
     if (!watch || nuv__bell_rung(&s->bell)) {
       ssize_t got = recv(fd, buf, len, MSG_DONTWAIT);
-      if (got >= 0) return got;
+      if (got >= 0) {
+        if (busy) s->misses = 0;
+        return got;
+      }
       if (errno == EINTR) continue;
       if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
     }
@@ -63,7 +69,8 @@ ssize_t nuv__spin_recv(struct nuv__spin *s, int fd, void *buf, size_t len) {
     }
     if (busy) {
       busy = 0;
-      s->crowded = CROWDED_WAITS;
+      s->crowded = CROWDED_WAITS << s->misses;
+      if (s->misses < CROWDED_DOUBLINGS) s->misses++;
     }
     sched_yield();
   }
