@@ -3,10 +3,12 @@
 #include <jansson.h>
 #include <locale.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -233,11 +235,19 @@ class JsonScan::Parser {
     const int level = open_ - 1;
     const uint32_t reaching = level < static_cast<int>(JsonPaths::kMaxSteps) ? masks_[level] : 0;
     uint32_t match = 0;
-    for (size_t t = 0; reaching != 0 && t < paths_.textCount_[level]; ++t) {
-      const JsonPaths::Text& text = paths_.texts_[level][t];
-      if ((text.paths & reaching) != 0 && KeyEquals(key, text.piece)) {
-        match = text.paths & reaching;
-        break;
+    if (reaching != 0) {
+      const size_t size = static_cast<size_t>(key.end - key.begin);
+      // An escaped key's decoded size and first byte are not known yet: it meets every text.
+      uint32_t texts = key.escaped ? ~uint32_t{0}
+                                   : paths_.candidates_[level][JsonPaths::Bucket(key.begin, size)];
+      for (; texts != 0; texts &= texts - 1) {
+        const size_t t = static_cast<size_t>(__builtin_ctz(texts));
+        if (t >= paths_.textCount_[level]) break;
+        const JsonPaths::Text& text = paths_.texts_[level][t];
+        if ((text.paths & reaching) != 0 && KeyEquals(key, text.piece)) {
+          match = text.paths & reaching;
+          break;
+        }
       }
     }
     // A later member of the same name replaces the earlier one whole, in Jansson's tree too.
@@ -433,6 +443,11 @@ JsonPaths::JsonPaths(const char* const* paths, size_t count)
       }
       if (t == textCount_[step]) texts_[step][textCount_[step]++] = Text{piece, 0};
       texts_[step][t].paths |= 1u << i;
+    }
+    std::fill(std::begin(candidates_[step]), std::end(candidates_[step]), 0u);
+    for (size_t t = 0; t < textCount_[step]; ++t) {
+      const Piece& piece = texts_[step][t].piece;
+      candidates_[step][Bucket(piece.at, piece.size)] |= 1u << t;
     }
   }
 }

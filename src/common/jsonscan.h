@@ -54,6 +54,13 @@ class JsonPaths {
   };
   Text texts_[kMaxSteps][kMaxPaths];
   uint8_t textCount_[kMaxSteps];
+  // Per step, the texts (bit t for texts_[step][t]) whose size and first byte share a bucket:
+  // a plain key is compared only with those.
+  static constexpr size_t kBuckets = 64;
+  static size_t Bucket(const char* at, size_t size) {
+    return (size * 7 + static_cast<unsigned char>(size != 0 ? at[0] : 0)) % kBuckets;
+  }
+  uint32_t candidates_[kMaxSteps][kBuckets];
 };
 
 class JsonScan {
