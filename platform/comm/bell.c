@@ -9,7 +9,6 @@
  * shrinking, so a peer cannot make the server's mapping fault. */
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -130,18 +129,8 @@ int nuv__bell_ask(int fd, struct nuv__bell *b, int64_t deadline_ms) {
   struct iovec iov = {.iov_base = reply, .iov_len = sizeof reply};
   struct msghdr m = {.msg_iov = &iov, .msg_iovlen = 1, .msg_control = ctl.space,
                      .msg_controllen = sizeof ctl.space};
-  ssize_t got;
-  for (;;) {
-    got = recvmsg(fd, &m, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (got > 0) break;
-    if (got == 0) {
-      errno = ECONNRESET;
-      return -1;
-    }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
-    if (nuv__comm_wait_fd(fd, POLLIN, deadline_ms) != 0) return -1;
-  }
+  ssize_t got = nuv__comm_recv_some(fd, &m, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, deadline_ms);
+  if (got < 0) return -1;
   int page_fd = page_fd_of(&m);
   if ((size_t)got < sizeof reply &&
       nuv__comm_recv_all(fd, reply + got, sizeof reply - (size_t)got, deadline_ms, 0) != 0) {

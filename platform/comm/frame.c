@@ -65,24 +65,33 @@ int nuv__comm_send_all(int fd, struct iovec *iov, int n, int64_t deadline_ms) {
   return 0;
 }
 
-int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int block_first) {
-  char *p = buf;
-  int flags = block_first ? 0 : MSG_DONTWAIT;
-  while (len > 0) {
-    ssize_t got = recv(fd, p, len, flags);
-    flags = MSG_DONTWAIT;
-    if (got > 0) {
-      p += got;
-      len -= (size_t)got;
-      continue;
-    }
+ssize_t nuv__comm_recv_some(int fd, struct msghdr *m, int flags, int64_t deadline_ms) {
+  for (;;) {
+    ssize_t got = recvmsg(fd, m, flags);
+    if (got > 0) return got;
     if (got == 0) {
       errno = ECONNRESET;
       return -1;
     }
+    /* Past the first try every wait is poll's, bounded by the deadline. */
+    flags |= MSG_DONTWAIT;
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
     if (nuv__comm_wait_fd(fd, POLLIN, deadline_ms) != 0) return -1;
+  }
+}
+
+int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int block_first) {
+  char *p = buf;
+  int flags = block_first ? 0 : MSG_DONTWAIT;
+  while (len > 0) {
+    struct iovec iov = {.iov_base = p, .iov_len = len};
+    struct msghdr m = {.msg_iov = &iov, .msg_iovlen = 1};
+    ssize_t got = nuv__comm_recv_some(fd, &m, flags, deadline_ms);
+    if (got < 0) return -1;
+    flags = MSG_DONTWAIT;
+    p += got;
+    len -= (size_t)got;
   }
   return 0;
 }

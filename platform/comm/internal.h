@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 
@@ -35,6 +36,11 @@ int nuv__comm_wait_fd(int fd, short events, int64_t deadline_ms);
  * is not there yet then costs one call instead of a poll and a read. Every other read is
  * non-blocking and waits in poll. A peer that closes early gives -1 with errno ECONNRESET. */
 int nuv__comm_recv_all(int fd, void *buf, size_t len, int64_t deadline_ms, int block_first);
+
+/* Receives into `m` what is there, at least one byte, waiting in poll up to the deadline when
+ * nothing is (a read without MSG_DONTWAIT in `flags` may block first, as above). The count, or
+ * -1 with errno (ECONNRESET when the peer closed). */
+ssize_t nuv__comm_recv_some(int fd, struct msghdr *m, int flags, int64_t deadline_ms);
 
 /* Sets the receive time-out of `fd` to `ms`. 0, or -1 with errno. */
 int nuv__comm_set_rcvtimeo(int fd, unsigned int ms);
