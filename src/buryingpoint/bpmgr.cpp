@@ -198,7 +198,8 @@ CError CBpMgr::CheckBpHeader(const JsonScan& json, CFileClassify& classify) {
     return CError::CreateError(kErrBpInvalid, "BP %s:%s is not support", kType,
                                version.c_str());
   }
-  std::string focus;
+  // Kept per bus thread: a path is longer than a string holds without the heap.
+  thread_local std::string focus;
   if (json.GetString(kFocus, focus) != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kFocus);
   }
@@ -238,7 +239,7 @@ CError CBpMgr::GetBpFocus(const std::string& focus, std::string& name, unsigned 
   // What follows the colon is not read: burying points are not bound to a process id.
   *pid = 0;
   // The copy is bounded by the buffer, so an over-long path is cut rather than overflowing.
-  char path[kFocusPathSize] = {0};
+  char path[kFocusPathSize];
   nuv_strncpy(path, sizeof path, focus.c_str(), colon);
   const char* last = nuv_path_get_name_u(path);
   // The name becomes a directory of the store: "." or ".." would step out of the day.
