@@ -135,20 +135,30 @@ std::string GetStoreBaseDirectory(unsigned int type) {
 CFileClassify::CFileClassify() { Reset(); }
 
 bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, unsigned int type) {
-  name_ = name;
-  pid_ = pid;
-  type_ = type;
-  if (!CheckValid() || !IsStoreName(name_)) {
+  if (name.empty() || type == 0 || !IsStoreName(name)) {
     Reset();
     return false;
   }
-  time_ = CurrentDay();
-  ConstructPath(GetStoreBaseDirectory(type_));
+  std::string day = CurrentDay();
+  std::string base = GetStoreBaseDirectory(type);
+  // A classification reused for the same stream on the same day (a bus thread's, record after
+  // record) keeps the paths and key it built.
+  if (built_ && pid == pid_ && type == type_ && name == name_ && day == time_ && base == base_) {
+    return true;
+  }
+  name_ = name;
+  pid_ = pid;
+  type_ = type;
+  time_ = std::move(day);
+  base_ = base;
+  ConstructPath(std::move(base));
   MakeKey();
+  built_ = true;
   return true;
 }
 
 void CFileClassify::ConstructPath(std::string base) {
+  built_ = false;
   if (base.empty() || base.back() != '/') {
     base.push_back('/');
   }
@@ -183,6 +193,8 @@ std::string CFileClassify::GetTimePath() const {
 }
 
 void CFileClassify::Reset() {
+  built_ = false;
+  base_.clear();
   time_.clear();
   name_.clear();
   pid_ = 0;

@@ -70,6 +70,10 @@ class CFileClassify {
   std::string contentPath_;
   std::string path_;
   std::string key_;
+  // Set by InitFileClassify with the base it built from; anything else that fills the paths
+  // resets it first.
+  bool built_ = false;
+  std::string base_;
 };
 
 #endif

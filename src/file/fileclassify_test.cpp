@@ -75,6 +75,35 @@ std::string Fields(const CFileClassify& c) {
          std::to_string(c.GetHashKey());
 }
 
+// A bus thread classifies record after record into one object: whatever differs from the last
+// classification (stream, day, configured base, a path built by hand) must show in the next.
+TEST_F(FileClassifyTest, AReusedClassificationFollowsEveryChange) {
+  ClockAt clock(2024, 2, 29);
+  CFileClassify reused;
+  auto expectFresh = [&](const char* name, unsigned int pid, unsigned int type) {
+    ASSERT_TRUE(reused.InitFileClassify(name, pid, type));
+    const CFileClassify fresh = filetest::Classify(name, pid, type);
+    EXPECT_EQ(Fields(reused), Fields(fresh));
+    EXPECT_EQ(reused.GetKey(), fresh.GetKey());
+    EXPECT_EQ(reused.GetPath(), fresh.GetPath());
+  };
+  expectFresh("proc", 42, 256);
+  expectFresh("proc", 42, 256);
+  expectFresh("proc", 43, 256);
+  expectFresh("proc", 43, filetest::kSmallType);
+  expectFresh("other", 43, filetest::kSmallType);
+  clock.Set(2024, 3, 1);
+  expectFresh("other", 43, filetest::kSmallType);
+  expectFresh("other", 43, 256);
+  ASSERT_TRUE(filetest::LoadStoreConfig(root_, 10, root_.Sub("elsewhere")).IsSuccess());
+  expectFresh("other", 43, 256);
+  EXPECT_EQ(reused.GetTimePath(), root_.Sub("elsewhere") + "//20240301");
+  reused.ConstructPath("/b");
+  expectFresh("other", 43, 256);
+  EXPECT_FALSE(reused.InitFileClassify("..", 43, 256));
+  expectFresh("other", 43, 256);
+}
+
 TEST_F(FileClassifyTest, ConstructionAndParsingAreInverse) {
   CFileClassify previous;
   const struct {
