@@ -143,22 +143,22 @@ bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, 
   std::string base = GetStoreBaseDirectory(type);
   // A classification reused for the same stream on the same day (a bus thread's, record after
   // record) keeps the paths and key it built.
-  if (built_ && pid == pid_ && type == type_ && name == name_ && day == time_ && base == base_) {
+  if (!base_.empty() && pid == pid_ && type == type_ && name == name_ && day == time_ &&
+      base == base_) {
     return true;
   }
   name_ = name;
   pid_ = pid;
   type_ = type;
   time_ = std::move(day);
-  base_ = base;
-  ConstructPath(std::move(base));
+  ConstructPath(base);
   MakeKey();
-  built_ = true;
+  base_ = std::move(base);
   return true;
 }
 
 void CFileClassify::ConstructPath(std::string base) {
-  built_ = false;
+  base_.clear();
   if (base.empty() || base.back() != '/') {
     base.push_back('/');
   }
@@ -193,7 +193,6 @@ std::string CFileClassify::GetTimePath() const {
 }
 
 void CFileClassify::Reset() {
-  built_ = false;
   base_.clear();
   time_.clear();
   name_.clear();

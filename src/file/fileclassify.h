@@ -70,9 +70,7 @@ class CFileClassify {
   std::string contentPath_;
   std::string path_;
   std::string key_;
-  // Set by InitFileClassify with the base it built from; anything else that fills the paths
-  // resets it first.
-  bool built_ = false;
+  // The base InitFileClassify built the paths from; empty once anything else fills them.
   std::string base_;
 };
 
