@@ -32,8 +32,14 @@ const CConfigSub* CAdditionCtrlor::Find(int type) const {
 }
 
 std::string CAdditionCtrlor::GetFilePath(int type) const {
+  std::string scratch;
+  return FilePath(type, scratch);
+}
+
+const std::string& CAdditionCtrlor::FilePath(int type, std::string& scratch) const {
   const CConfigSub* sub = Find(type);
-  return sub != nullptr ? sub->filePath : CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath();
+  return sub != nullptr ? sub->filePath
+                        : CMaintainceLogCfg::GetInstance()->AbsoluteLogPath(scratch);
 }
 
 std::vector<int> CAdditionCtrlor::GetTypes() const {

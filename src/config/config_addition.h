@@ -28,6 +28,8 @@ class CAdditionCtrlor : public CConfigSection<CAdditionCtrlor> {
 
   // The entry's value exactly as stored (no substitution for values below 1), else the default.
   std::string GetFilePath(int type) const;
+  // The same without a copy; `scratch` holds the default when it has to be resolved.
+  const std::string& FilePath(int type, std::string& scratch) const;
   int GetFileSize(int type) const;
   int GetClearnDay(int type) const;
   int GetFileCache(int type) const;

@@ -29,12 +29,19 @@ bool CMaintainceLogCfg::Parse(JsonUtil& document) {
 }
 
 std::string CMaintainceLogCfg::GetAbsoluteLogPath() const {
+  std::string scratch;
+  return AbsoluteLogPath(scratch);
+}
+
+const std::string& CMaintainceLogCfg::AbsoluteLogPath(std::string& scratch) const {
   if (nuv_path_is_absolute(logPath_.c_str()) != 0) {
     return logPath_;
   }
   char buffer[512] = {0};
   if (nuv_path_absolute(logPath_.c_str(), buffer, sizeof(buffer)) != 0) {
-    return std::string();
+    scratch.clear();
+  } else {
+    scratch.assign(buffer);
   }
-  return buffer;
+  return scratch;
 }

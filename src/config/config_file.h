@@ -21,6 +21,9 @@ class CMaintainceLogCfg : public CConfigSection<CMaintainceLogCfg> {
   int GetLogCacheSize() const { return logCacheSize_; }
   // The stored path when absolute, else resolved now; empty when that fails.
   std::string GetAbsoluteLogPath() const;
+  // The same without a copy of an absolute path: the stored path itself, else `scratch`
+  // holding the resolved one.
+  const std::string& AbsoluteLogPath(std::string& scratch) const;
 
   CMaintainceLogCfg(const CMaintainceLogCfg&) = delete;
   CMaintainceLogCfg& operator=(const CMaintainceLogCfg&) = delete;

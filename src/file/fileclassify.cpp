@@ -126,10 +126,15 @@ int DecimalAt(const std::string& text, size_t pos, size_t len) {
 bool IsMaintainceLogType(unsigned int type) { return type == 256 || type == 512 || type == 4096; }
 
 std::string GetStoreBaseDirectory(unsigned int type) {
+  std::string scratch;
+  return StoreBaseDirectory(type, scratch);
+}
+
+const std::string& StoreBaseDirectory(unsigned int type, std::string& scratch) {
   if (IsMaintainceLogType(type)) {
-    return CMaintainceLogCfg::GetInstance()->GetAbsoluteLogPath();
+    return CMaintainceLogCfg::GetInstance()->AbsoluteLogPath(scratch);
   }
-  return CAdditionCtrlor::GetInstance()->GetFilePath(static_cast<int>(type));
+  return CAdditionCtrlor::GetInstance()->FilePath(static_cast<int>(type), scratch);
 }
 
 CFileClassify::CFileClassify() { Reset(); }
@@ -140,7 +145,9 @@ bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, 
     return false;
   }
   std::string day = CurrentDay();
-  std::string base = GetStoreBaseDirectory(type);
+  // Compared record after record: the configured string is not copied for that.
+  std::string scratch;
+  const std::string& base = StoreBaseDirectory(type, scratch);
   // A classification reused for the same stream on the same day (a bus thread's, record after
   // record) keeps the paths and key it built.
   if (!base_.empty() && pid == pid_ && type == type_ && name == name_ && day == time_ &&
@@ -153,7 +160,7 @@ bool CFileClassify::InitFileClassify(const std::string& name, unsigned int pid, 
   time_ = std::move(day);
   ConstructPath(base);
   MakeKey();
-  base_ = std::move(base);
+  base_ = base;
   return true;
 }
 
@@ -184,7 +191,7 @@ uint64_t CFileClassify::GetHashKey() const {
   if (contentPath_.empty()) {
     return 0;
   }
-  return nuv_murmur_hash64(key_.data(), key_.size(), kHashSeed);
+  return keyHash_;
 }
 
 std::string CFileClassify::GetTimePath() const {
@@ -202,9 +209,13 @@ void CFileClassify::Reset() {
   contentPath_.clear();
   path_.clear();
   key_.clear();
+  keyHash_ = 0;
 }
 
-void CFileClassify::MakeKey() { key_ = FormatKey(name_, pid_, type_); }
+void CFileClassify::MakeKey() {
+  key_ = FormatKey(name_, pid_, type_);
+  keyHash_ = nuv_murmur_hash64(key_.data(), key_.size(), kHashSeed);
+}
 
 bool CFileClassify::IsStoreName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.size() <= kMaxNameLength &&

@@ -16,6 +16,8 @@
 bool IsMaintainceLogType(unsigned int type);
 // The store's base directory for a type.
 std::string GetStoreBaseDirectory(unsigned int type);
+// The same without a copy: the configured string itself, or `scratch` holding a resolved one.
+const std::string& StoreBaseDirectory(unsigned int type, std::string& scratch);
 
 class CFileClassify {
  public:
@@ -70,6 +72,7 @@ class CFileClassify {
   std::string contentPath_;
   std::string path_;
   std::string key_;
+  uint64_t keyHash_ = 0;  // of key_, taken when key_ is made
   // The base InitFileClassify built the paths from; empty once anything else fills them.
   std::string base_;
 };
