@@ -265,9 +265,12 @@ class JsonScan::Parser {
 
   static bool KeyEquals(const Found& key, const JsonPaths::Piece& piece) {
     if (!key.escaped) {
-      return static_cast<size_t>(key.end - key.begin) == piece.size &&
-             (piece.size == 0 || key.begin[0] == piece.at[0]) &&
-             std::memcmp(key.begin, piece.at, piece.size) == 0;
+      if (static_cast<size_t>(key.end - key.begin) != piece.size) return false;
+      // Keys are a few bytes: a loop beats a call.
+      for (size_t i = 0; i < piece.size; ++i) {
+        if (key.begin[i] != piece.at[i]) return false;
+      }
+      return true;
     }
     size_t at = 0;
     bool equal = true;
