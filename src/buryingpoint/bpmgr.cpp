@@ -242,11 +242,11 @@ CError CBpMgr::GetBpFocus(const std::string& focus, std::string& name, unsigned 
   char path[kFocusPathSize];
   nuv_strncpy(path, sizeof path, focus.c_str(), colon);
   const char* last = nuv_path_get_name_u(path);
+  if (last != nullptr) name = last;
   // The name becomes a directory of the store: "." or ".." would step out of the day.
-  if (last == nullptr || !CFileClassify::IsStoreName(last)) {
+  if (last == nullptr || !CFileClassify::IsStoreName(name)) {
     return CError::CreateError(kErrBpInvalid, "BP %s:%s processname is invalid", "header/focus",
                                focus.c_str());
   }
-  name = last;
   return CError();
 }
