@@ -8,6 +8,7 @@
 #include "common/jsonscan.h"
 #include "common/jsonutil.h"
 #include "common/log.h"
+#include "common/per_thread.h"
 #include "common/singleton.h"
 #include "file/filemanager.h"
 #include "nuv_maintenance.h"
@@ -104,11 +105,14 @@ int CBpMgr::CallBackImpl(void* data, unsigned int length) {
 
 void CBpMgr::BatchImpl(comm_data* const* requests, unsigned int count, int* results) {
   // Kept per bus thread, so a batch costs no allocation once the thread has seen one as large.
-  thread_local std::vector<CFileClassify> classes;
-  thread_local std::vector<CFileClassify*> valid;
-  thread_local std::vector<std::string_view> contents;
-  thread_local std::vector<unsigned int> slots;
-  thread_local std::vector<CError> written;
+  struct Scratch {
+    std::vector<CFileClassify> classes;
+    std::vector<CFileClassify*> valid;
+    std::vector<std::string_view> contents;
+    std::vector<unsigned int> slots;
+    std::vector<CError> written;
+  };
+  auto& [classes, valid, contents, slots, written] = PerThread<Scratch>();
   if (classes.size() < count) classes.resize(count);
   valid.clear();
   contents.clear();
@@ -199,7 +203,10 @@ CError CBpMgr::CheckBpHeader(const JsonScan& json, CFileClassify& classify) {
                                version.c_str());
   }
   // Kept per bus thread: a path is longer than a string holds without the heap.
-  thread_local std::string focus;
+  struct Focus {
+    std::string text;
+  };
+  std::string& focus = PerThread<Focus>().text;
   if (json.GetString(kFocus, focus) != JsonUtil::kOk) {
     return CError::CreateError(kErrBpInvalid, "bp %s is invalid", kFocus);
   }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <sstream>
 
+#include "common/per_thread.h"
 #include "nuv_dir.h"
 #include "nuv_md5.h"
 #include "nuv_path.h"
@@ -216,14 +217,17 @@ std::string GenerateLocalTime() {
 }
 
 std::string CurrentDay() {
-  thread_local int64_t second = -1;
-  thread_local std::string day;
+  struct Cached {
+    int64_t second = -1;
+    std::string day;
+  };
+  Cached& cached = PerThread<Cached>();
   const int64_t now = static_cast<int64_t>(nuv_time());
-  if (now != second || day.empty()) {
-    day = GenerateCurrentTime("%Y%m%d", 16);
-    second = now;
+  if (now != cached.second || cached.day.empty()) {
+    cached.day = GenerateCurrentTime("%Y%m%d", 16);
+    cached.second = now;
   }
-  return day;
+  return cached.day;
 }
 
 std::string GenerateCurrentTime(const std::string& format, int size) {
