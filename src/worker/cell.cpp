@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "common/log.h"
+#include "common/per_thread.h"
 #include "common/utils.h"
 #include "worker/express.h"
 
@@ -47,7 +48,10 @@ void FillHeader(json_t* header, const CMonitorData& monitor) {
 // The texts of `info`, shared with the cell this thread made last when they are the same: the
 // cells of one sample are made one after another for every worker of its process.
 std::shared_ptr<const ProcessText> TextOf(const ProcessInfo& info) {
-  thread_local std::shared_ptr<const ProcessText> last;
+  struct Last {
+    std::shared_ptr<const ProcessText> text;
+  };
+  std::shared_ptr<const ProcessText>& last = PerThread<Last>().text;
   if (last == nullptr || last->path != info.path || last->image != info.image ||
       last->commandline != info.commandline) {
     last = std::make_shared<const ProcessText>(

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/log.h"
+#include "common/per_thread.h"
 #include "common/utils.h"
 #include "worker/express.h"
 
@@ -20,7 +21,10 @@ constexpr size_t kMaxParsedConditions = 4096;
 // Each thread has its own, so deliveries in parallel never share a parser.
 template <typename Cell>
 CExpress& ParserFor(const std::string& condition) {
-  thread_local std::map<std::string, std::unique_ptr<CExpress>> parsers;
+  struct Parsers {
+    std::map<std::string, std::unique_ptr<CExpress>> byCondition;
+  };
+  auto& parsers = PerThread<Parsers>().byCondition;
   auto found = parsers.find(condition);
   if (found != parsers.end()) {
     return *found->second;
