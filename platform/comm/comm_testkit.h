@@ -14,10 +14,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "comm_hello_testkit.h"
 #include "nuv_comm.h"
 #include "testutil/bus_post.h"
 #include "testutil/testutil.h"
