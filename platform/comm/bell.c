@@ -18,9 +18,11 @@
 #include "internal.h"
 
 #define PAGE 4096
-/* The two counts sit on their own cache lines: each side writes one and reads the other. */
+/* The two counts sit on their own cache lines: each side writes one and reads the other. The
+ * third line holds what the server last told of its load. */
 #define TO_SERVER 0
 #define TO_CLIENT 64
+#define SERVING 128
 
 static const unsigned char HELLO[NUV__BELL_HELLO_LEN] = {
     16, 0, 0, 0, 0, 'n', 'u', 'v', '_', 'c', 'o', 'm', 'm', ' ', 'b', 'e', 'l', 'l', 0, 1};
@@ -33,6 +35,8 @@ static void attach(struct nuv__bell *b, void *page, int server) {
   b->page = page;
   b->rings = (uint32_t *)((char *)page + (server ? TO_CLIENT : TO_SERVER));
   b->heard = (const uint32_t *)((char *)page + (server ? TO_SERVER : TO_CLIENT));
+  b->serving = (uint32_t *)((char *)page + SERVING);
+  b->server = server;
   b->seen = 0;
 }
 
@@ -149,8 +153,27 @@ int nuv__bell_ask(int fd, struct nuv__bell *b, int64_t deadline_ms) {
   return 0;
 }
 
+static uint32_t serving;
+
+void nuv__bell_serving_add(int n) {
+  __atomic_add_fetch(&serving, (uint32_t)n, __ATOMIC_RELAXED);
+}
+
+void nuv__bell_tell(struct nuv__bell *b) {
+  if (b->server && b->serving) {
+    __atomic_store_n(b->serving, __atomic_load_n(&serving, __ATOMIC_RELAXED),
+                     __ATOMIC_RELEASE);
+  }
+}
+
 void nuv__bell_ring(struct nuv__bell *b, size_t bytes) {
   if (b->rings) __atomic_add_fetch(b->rings, (uint32_t)bytes, __ATOMIC_RELEASE);
+}
+
+uint32_t nuv__bell_serving(const struct nuv__bell *b) {
+  /* The server's end trusts its own count, not what a client may have written there. */
+  if (b->server) return __atomic_load_n(&serving, __ATOMIC_RELAXED);
+  return b->serving ? __atomic_load_n(b->serving, __ATOMIC_ACQUIRE) : 0;
 }
 
 int nuv__bell_rung(const struct nuv__bell *b) {

@@ -1,5 +1,6 @@
 // The page two ends of a connection share to count the bytes each sent, on real socket pairs.
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <gtest/gtest.h>
@@ -12,8 +13,11 @@
 extern "C" {
 #include "internal.h"
 }
+#include "comm_hello_testkit.h"
 
 namespace {
+
+using commtest::TakePage;
 
 struct Pair {
   int fd[2] = {-1, -1};  // [0] the client's end, [1] the server's
@@ -90,30 +94,6 @@ TEST(CommBell, BothEndsHearWhatTheOtherSays) {
   EXPECT_TRUE(nuv__bell_rung(&h.server));
   h.server.seen += 0x20;
   EXPECT_FALSE(nuv__bell_rung(&h.server));
-}
-
-// The hello as it goes on the wire: a 16-byte body no request of ours starts a connection with.
-const std::string kHello("\x10\0\0\0\0nuv_comm bell\0\x01", NUV__BELL_HELLO_LEN);
-
-// The page's descriptor from the server's answer to a hello sent by hand, or -1.
-int TakePage(int fd, std::string* reply) {
-  if (::send(fd, kHello.data(), kHello.size(), MSG_NOSIGNAL) != ssize_t(kHello.size())) return -1;
-  char buf[8];
-  alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-  iovec iov{buf, sizeof buf};
-  msghdr m{};
-  m.msg_iov = &iov;
-  m.msg_iovlen = 1;
-  m.msg_control = ctl;
-  m.msg_controllen = sizeof ctl;
-  ssize_t got = ::recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
-  if (got <= 0) return -1;
-  reply->assign(buf, size_t(got));
-  cmsghdr* c = CMSG_FIRSTHDR(&m);
-  if (!c || c->cmsg_type != SCM_RIGHTS) return -1;
-  int page;
-  std::memcpy(&page, CMSG_DATA(c), sizeof page);
-  return page;
 }
 
 // The server maps the page for the life of the connection: a client that could shrink it would
@@ -198,6 +178,63 @@ TEST(CommBell, ASpinWithAPageReadsOnlyWhatWasRung) {
   spin.sleep = 0;
   EXPECT_EQ(nuv__spin_recv(&spin, h.p.fd[1], buf, sizeof buf), -1);
   EXPECT_EQ(::recv(h.p.fd[1], buf, sizeof buf, 0), 0);
+  nuv__bell_drop(&spin.bell);
+}
+
+// The server tells its load on the page; its own end goes by its own count, which a client
+// cannot overwrite.
+TEST(CommBell, TheServerTellsHowManyConnectionsItServes) {
+  Handshake h;
+  ASSERT_NE(h.client.page, nullptr);
+  nuv__bell none{};
+  EXPECT_EQ(nuv__bell_serving(&none), 0u);
+  EXPECT_EQ(nuv__bell_serving(&h.client), 0u);
+
+  nuv__bell_serving_add(3);
+  EXPECT_EQ(nuv__bell_serving(&h.server), 3u);
+  EXPECT_EQ(nuv__bell_serving(&h.client), 0u);  // not told yet
+  nuv__bell_tell(&h.client);                     // a client's end has nothing to tell
+  EXPECT_EQ(nuv__bell_serving(&h.client), 0u);
+  nuv__bell_tell(&h.server);
+  EXPECT_EQ(nuv__bell_serving(&h.client), 3u);
+
+  *h.client.serving = 0;
+  EXPECT_EQ(nuv__bell_serving(&h.server), 3u);
+
+  nuv__bell_serving_add(-3);
+  nuv__bell_tell(&h.server);
+  EXPECT_EQ(nuv__bell_serving(&h.client), 0u);
+}
+
+// A busy spin beside more served connections than the CPUs carry would take a CPU a peer
+// needs: the waiter then yields from the start, and nothing marks the connection crowded.
+TEST(CommBell, AWaiterSpinsBusyOnlyWhileTheServersLoadLeavesCPUs) {
+  cpu_set_t set;
+  ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+  const int cpus = CPU_COUNT(&set);
+  if (cpus < 2) GTEST_SKIP() << "one CPU: nothing spins busy";
+  Handshake h;
+  ASSERT_NE(h.client.page, nullptr);
+  nuv__spin spin{};
+  spin.bell = h.client;
+  h.client.page = nullptr;  // the spin's copy owns it now
+  char buf[8];
+
+  nuv__bell_serving_add(cpus);  // two threads per connection: more than the CPUs
+  nuv__bell_tell(&h.server);
+  errno = 0;
+  EXPECT_EQ(nuv__spin_recv(&spin, h.p.fd[0], buf, sizeof buf), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(spin.misses, 0u);
+  EXPECT_EQ(spin.crowded, 0u);
+
+  nuv__bell_serving_add(1 - cpus);  // one connection: a CPU each
+  nuv__bell_tell(&h.server);
+  EXPECT_EQ(nuv__spin_recv(&spin, h.p.fd[0], buf, sizeof buf), -1);
+  EXPECT_EQ(spin.misses, 1u);  // it spun busy, and nothing came in that time
+  EXPECT_GT(spin.crowded, 0u);
+
+  nuv__bell_serving_add(-1);
   nuv__bell_drop(&spin.bell);
 }
 

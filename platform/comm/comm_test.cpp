@@ -1,6 +1,7 @@
 // The message bus, with real second processes (comm_peer, or fork) and real sockets.
 #include <grp.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -187,6 +188,65 @@ TEST(CommWire, OnlyAConnectionsFirstFrameCanAskForASharedPage) {
   EXPECT_EQ(RawExchange(fd, almost), Reply(Fnv1a(almost)));
   close(fd);
   EXPECT_EQ(rec.calls.load(), 3);
+}
+
+// With each reply the server tells on the page how many of its connections it is serving: one
+// whose request is in its handler counts, one asleep waiting for a request or closed does not.
+TEST(CommWire, TheServerTellsTheConnectionsItServesLeavingOutSleepers) {
+  Bus bus;
+  struct Hold {
+    std::atomic<int> entered{0};
+    std::atomic<bool> release{false};
+    static int Handle(comm_data* request, comm_data*, void* user) {
+      auto* self = static_cast<Hold*>(user);
+      void* p = nullptr;
+      unsigned int n = 0;
+      if (nuv_comm_get_data(request, &p, &n) != 0) return -1;
+      if (std::string(static_cast<char*>(p), n) == "hold") {
+        ++self->entered;
+        while (!self->release) std::this_thread::sleep_for(1ms);
+      }
+      return 0;
+    }
+  } hold;
+  ASSERT_EQ(nuv_comm_register("load", Hold::Handle, &hold), 0);
+
+  int watcher = RawConnect(bus.Path("load"));
+  ASSERT_GE(watcher, 0);
+  std::string answer;
+  int pageFd = TakePage(watcher, &answer);
+  ASSERT_GE(pageFd, 0);
+  EXPECT_EQ(answer, Reply(0));
+  void* page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, pageFd, 0);
+  close(pageFd);
+  ASSERT_NE(page, MAP_FAILED);
+  const auto told = [page] {
+    return __atomic_load_n(reinterpret_cast<const uint32_t*>(static_cast<char*>(page) + 128),
+                           __ATOMIC_RELAXED);
+  };
+
+  int held = RawConnect(bus.Path("load"));
+  ASSERT_GE(held, 0);
+  ASSERT_TRUE(SendRaw(held, Le32(4) + "hold"));
+  for (int i = 0; i < 5000 && hold.entered == 0; ++i) std::this_thread::sleep_for(1ms);
+  ASSERT_EQ(hold.entered.load(), 1);
+  EXPECT_EQ(RawExchange(watcher, "x"), Reply(0));
+  EXPECT_EQ(told(), 2u);
+
+  hold.release = true;
+  EXPECT_EQ(RecvRaw(held, 8), Reply(0));
+  close(held);
+  // Its server thread ends on its own time; a count it kept would stay told for good.
+  uint32_t last = 0;
+  for (int i = 0; i < 500; ++i) {
+    EXPECT_EQ(RawExchange(watcher, "x"), Reply(0));
+    last = told();
+    if (last == 1) break;
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(last, 1u);
+  munmap(page, 4096);
+  close(watcher);
 }
 
 TEST(CommWire, OversizedFramesAreRefusedAndTheServerKeepsServing) {

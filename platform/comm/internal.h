@@ -58,6 +58,8 @@ struct nuv__bell {
   void *page;
   uint32_t *rings;       /* this end adds the bytes it sent */
   const uint32_t *heard; /* the peer adds the bytes it sent */
+  uint32_t *serving;     /* the server's connections being served, as it last told */
+  int server;            /* this end is the server's */
   uint32_t seen;         /* the bytes this end received */
 };
 
@@ -78,6 +80,18 @@ int nuv__bell_give(int fd, struct nuv__bell *b);
 
 /* Adds `bytes` sent to this end's count (nothing without a page). */
 void nuv__bell_ring(struct nuv__bell *b, size_t bytes);
+
+/* Server: counts a connection in (1) or out (-1) of those it serves that are not asleep
+ * waiting for a request. */
+void nuv__bell_serving_add(int n);
+
+/* Server: writes that count on the page (nothing on a client's end or without a page); done
+ * before a send, so a client that has read the reply finds it told. */
+void nuv__bell_tell(struct nuv__bell *b);
+
+/* The count of connections served: the server's own on its end, else the one it last told; 0
+ * without a page. */
+uint32_t nuv__bell_serving(const struct nuv__bell *b);
 
 /* Whether the peer has sent more than b->seen; needs a page. */
 int nuv__bell_rung(const struct nuv__bell *b);

@@ -75,6 +75,7 @@ static int flush(int fd, struct replies *r) {
   if (r->n == 0) return 0;
   struct iovec iov = {.iov_base = r->b, .iov_len = r->n * 8u};
   r->n = 0;
+  nuv__bell_tell(r->bell);
   if (nuv__comm_send_all(fd, &iov, 1, nuv__comm_now_ms() + nuv__comm_timeout_ms()) != 0) {
     return -1;
   }
@@ -156,6 +157,7 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
   struct nuv__spin spin = {0};
   int first = 1;
   if (!r) return;
+  nuv__bell_serving_add(1);
   r->n = 0;
   r->bell = &spin.bell;
   while (reserve(&b, BASE_BUF) == 0) {
@@ -166,7 +168,9 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
       if (!mark_idle(c, idle)) break;
       got = nuv__spin_recv(&spin, fd, b.p + b.len, b.cap - b.len);
       if (got < 0 && errno == EAGAIN) {
+        nuv__bell_serving_add(-1);
         got = read_some(fd, &b, block_idle, idle + (int64_t)t->idle_ms);
+        nuv__bell_serving_add(1);
         nuv__spin_slept(&spin);
       }
       if (got <= 0 || !mark_busy(c, idle)) break;
@@ -198,6 +202,7 @@ void nuv__comm_serve(struct nuv__topic *t, struct nuv__conn *c, int fd) {
       b.cap = 0;
     }
   }
+  nuv__bell_serving_add(-1);
   nuv__bell_drop(&spin.bell);
   free(b.p);
   free(r);

@@ -13,7 +13,11 @@
  * server answers it with result 0, passes it to no handler, and attaches (SCM_RIGHTS) a
  * sealed 4096-byte memfd where from then on the client adds the bytes it sends to the 32-bit
  * count at offset 0 and the server the bytes it sends to the one at offset 64. A waiter
- * watches those counts instead of trying reads. Our client always asks; others need not.
+ * watches those counts instead of trying reads. With each send the server also stores at
+ * offset 128 how many of its connections it is serving, those asleep waiting for a request
+ * left out: a waiter spins without system calls only while its CPUs number at least twice
+ * that (each such connection keeps a server thread and a poster running), and yields between
+ * looks otherwise. Our client always asks; others need not.
  *
  * Knobs, read from the environment when the bus is first initialised (init count 0 -> 1):
  *   NUV_COMM_DIR         socket directory; default /run/nuv-comm for root, else
