@@ -153,14 +153,20 @@ TEST(CommBell, AnAnswerWithoutAPageStillLeavesTheConnectionInStep) {
   srv.join();
 }
 
+// A spin that owns `end`'s mapping of the page from here on.
+nuv__spin SpinWith(nuv__bell& end) {
+  nuv__spin spin{};
+  spin.bell = end;
+  end.page = nullptr;
+  return spin;
+}
+
 // A spin with a page looks at the peer's count, not at the socket: what was rung is read,
 // what was sent unrung (or a close) is left to the caller's own wait, which still sees it.
 TEST(CommBell, ASpinWithAPageReadsOnlyWhatWasRung) {
   Handshake h;
   ASSERT_NE(h.client.page, nullptr);
-  nuv__spin spin{};
-  spin.bell = h.server;
-  h.server.page = nullptr;  // the spin's copy owns it now
+  nuv__spin spin = SpinWith(h.server);
   char buf[16];
 
   ASSERT_EQ(::send(h.p.fd[0], "abc", 3, 0), 3);
@@ -215,9 +221,7 @@ TEST(CommBell, AWaiterSpinsBusyOnlyWhileTheServersLoadLeavesCPUs) {
   if (cpus < 2) GTEST_SKIP() << "one CPU: nothing spins busy";
   Handshake h;
   ASSERT_NE(h.client.page, nullptr);
-  nuv__spin spin{};
-  spin.bell = h.client;
-  h.client.page = nullptr;  // the spin's copy owns it now
+  nuv__spin spin = SpinWith(h.client);
   char buf[8];
 
   nuv__bell_serving_add(cpus);  // two threads per connection: more than the CPUs
