@@ -1,0 +1,11 @@
+#include "tsan_unseen_order.h"
+
+#include <sched.h>
+
+void unseen_publish(void **slot, void *value) { __atomic_store_n(slot, value, __ATOMIC_RELEASE); }
+
+void *unseen_wait(void **slot) {
+  void *value;
+  while ((value = __atomic_load_n(slot, __ATOMIC_ACQUIRE)) == NULL) sched_yield();
+  return value;
+}
