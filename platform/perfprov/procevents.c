@@ -129,8 +129,10 @@ static uint64_t announce_forked(struct ev_state *st) {
     e->announced = 1;
     deliver(st, NUV_PROC_EVENT_START, e->pid, e->name, e->path);
   }
-  memmove(st->forked, st->forked + done, (st->nforked - done) * sizeof *st->forked);
-  st->nforked -= done;
+  if (done > 0) {
+    memmove(st->forked, st->forked + done, (st->nforked - done) * sizeof *st->forked);
+    st->nforked -= done;
+  }
   if (st->nforked == 0) return 60000;
   uint64_t age = now - st->forked[0].at_ms;
   return age >= FORK_GRACE_MS ? 0 : FORK_GRACE_MS - age;

@@ -79,7 +79,7 @@ static int push_level(struct nuv_dirwalk *w, size_t path_len) {
     errno = saved ? saved : ENOMEM;
     return -1;
   }
-  qsort(l.names, l.count, sizeof *l.names, by_name);
+  if (l.count > 1) qsort(l.names, l.count, sizeof *l.names, by_name);
   if (w->depth == w->cap) {
     size_t ncap = w->cap ? w->cap * 2 : 8;
     struct level *n = realloc(w->levels, ncap * sizeof *n);
