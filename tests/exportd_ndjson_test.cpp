@@ -2,7 +2,11 @@
 // `nuvctl store cat`, across torn index tails and a day packed before it was shipped.
 #include <gtest/gtest.h>
 #include <jansson.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <sstream>
@@ -181,6 +185,39 @@ TEST_F(ExportNdjson, StreamStartedAgainAtItsSizeLimitIsShippedFromItsStart) {
   EXPECT_NE(nuvtest::ReadFile(tree_.Sub("export.log"))
                 .find("started again; shipping it from its first record"),
             std::string::npos);
+}
+
+// logrotate moves the exporter's log away and sends SIGHUP: the exporter writes to a new file
+// at the old path and goes on shipping; before, the signal killed it.
+TEST_F(ExportNdjson, SighupReopensARotatedLogAndShippingGoesOn) {
+  PostPoints("/usr/bin/hup:8", 0, 4);
+  const std::string log = tree_.Sub("export.log");
+  const int pid = nuvtest::Spawn({tree_.Sub("bin/nuv_exportd")},
+                                 {"NUV_LOG_FILE=" + log, "PATH=/usr/bin:/bin"}, "",
+                                 dir_.Sub("export.out"), dir_.Sub("export.err"));
+  ASSERT_GT(pid, 0);
+  auto waitFor = [](const std::function<bool()>& done) {
+    for (int i = 0; i < 500 && !done(); ++i) ::usleep(10000);
+    return done();
+  };
+  const std::string out = tree_.Sub("out.ndjson");
+  EXPECT_TRUE(waitFor([&] { return ReadNdjson(out).size() == 4; }));
+
+  ASSERT_EQ(::rename(log.c_str(), (log + ".1").c_str()), 0);
+  ASSERT_EQ(::kill(pid, SIGHUP), 0);
+  const std::string reopened = "[exportd] SIGHUP received, log reopened";
+  EXPECT_TRUE(waitFor([&] { return nuvtest::ReadFile(log).find(reopened) != std::string::npos; }));
+  PostPoints("/usr/bin/hup:8", 4, 7);
+  EXPECT_TRUE(waitFor([&] { return ReadNdjson(out).size() == 7; }));
+
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  EXPECT_EQ(nuvtest::WaitExit(pid), 0) << nuvtest::ReadFile(dir_.Sub("export.err"));
+  EXPECT_NE(nuvtest::ReadFile(log + ".1").find("[exportd] started"), std::string::npos);
+  EXPECT_EQ(nuvtest::ReadFile(log + ".1").find(reopened), std::string::npos);
+  EXPECT_NE(nuvtest::ReadFile(log).find("[exportd] stopped"), std::string::npos);
+  std::vector<std::string> records;
+  for (const Line& line : ReadNdjson(out)) records.push_back(line.record);
+  EXPECT_EQ(records, Cat("hup", "0"));
 }
 
 TEST_F(ExportNdjson, StatusUsage) {

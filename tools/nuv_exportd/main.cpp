@@ -1,11 +1,14 @@
 // nuv_exportd: ships the store's records, at least once and in order per stream, to Kafka or
 // as NDJSON, with a durable cursor. Runs beside nuv_maintd and only reads the store.
+#include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "common/log.h"
 #include "export_config.h"
@@ -24,7 +27,7 @@ const char kUsage[] =
     "pid and type) or as NDJSON lines. A stream's cursor moves only over records the broker\n"
     "confirmed, so a restart resumes without loss; at most the unconfirmed window is sent\n"
     "twice. Days packed before they were shipped are shipped from their archives.\n"
-    "Runs until SIGINT or SIGTERM.\n"
+    "Runs until SIGINT or SIGTERM; SIGHUP reopens the log file.\n"
     "\n"
     "options:\n"
     "  --config PATH    configuration; default <dir of nuv_exportd>/../config/exportd.json\n"
@@ -39,6 +42,35 @@ const char kUsage[] =
 volatile std::sig_atomic_t g_stop = 0;
 
 void OnSignal(int) { g_stop = 1; }
+
+// The log, open for the life of main and reopened on each SIGHUP (logrotate moved the file
+// away) by a thread of its own, as the reopen may not run in a signal handler. SIGHUP must be
+// blocked in every thread before any other starts, so that only this one takes it.
+class LogSession {
+ public:
+  explicit LogSession(const sigset_t& hangup)
+      : hangup_(hangup), thread_([this] {
+          int sig = 0;
+          while (sigwait(&hangup_, &sig) == 0 && !stopping_.load()) {
+            if (nuv_log_start(0) == 0) ZLOG_INFO("[exportd] SIGHUP received, log reopened");
+          }
+        }) {
+    nuv_log_start(0);
+  }
+  ~LogSession() {
+    stopping_.store(true);
+    pthread_kill(thread_.native_handle(), SIGHUP);
+    thread_.join();
+    nuv_log_stop();
+  }
+  LogSession(const LogSession&) = delete;
+  LogSession& operator=(const LogSession&) = delete;
+
+ private:
+  const sigset_t hangup_;
+  std::atomic<bool> stopping_{false};
+  std::thread thread_;
+};
 
 int Usage(const std::string& error) {
   std::fprintf(stderr, "nuv_exportd: %s\nrun 'nuv_exportd --help' for usage\n", error.c_str());
@@ -93,24 +125,25 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   // A closed NDJSON reader is a write error to report, not a reason to die.
   signal(SIGPIPE, SIG_IGN);
-  nuv_log_start(0);
+  sigset_t hangup;
+  sigemptyset(&hangup);
+  sigaddset(&hangup, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
+  const LogSession log(hangup);
 
   nuvexport::ExportConfig config;
   nuvexport::StoreLayout layout;
   std::string error;
   if (!nuvexport::LoadExportConfig(configPath, config, error)) {
     ZLOG_ERROR("[exportd] cannot load %s: %s", configPath.c_str(), error.c_str());
-    nuv_log_stop();
     return 1;
   }
   if (!nuvexport::LoadStoreLayout(config.storeConfig, layout, error)) {
     ZLOG_ERROR("[exportd] %s", error.c_str());
-    nuv_log_stop();
     return 1;
   }
   if (!nuvexport::OutsideStore(config.stateDir, layout, error)) {
     ZLOG_ERROR("[exportd] %s", error.c_str());
-    nuv_log_stop();
     return 1;
   }
   int code = 1;
@@ -126,6 +159,5 @@ int main(int argc, char** argv) {
       ZLOG_INFO("[exportd] stopped");
     }
   }
-  nuv_log_stop();
   return code;
 }
