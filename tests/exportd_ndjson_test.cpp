@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <sstream>
@@ -196,19 +194,15 @@ TEST_F(ExportNdjson, SighupReopensARotatedLogAndShippingGoesOn) {
                                  {"NUV_LOG_FILE=" + log, "PATH=/usr/bin:/bin"}, "",
                                  dir_.Sub("export.out"), dir_.Sub("export.err"));
   ASSERT_GT(pid, 0);
-  auto waitFor = [](const std::function<bool()>& done) {
-    for (int i = 0; i < 500 && !done(); ++i) ::usleep(10000);
-    return done();
-  };
   const std::string out = tree_.Sub("out.ndjson");
-  EXPECT_TRUE(waitFor([&] { return ReadNdjson(out).size() == 4; }));
+  EXPECT_TRUE(nuvtest::Eventually([&] { return ReadNdjson(out).size() == 4; }));
 
   ASSERT_EQ(::rename(log.c_str(), (log + ".1").c_str()), 0);
   ASSERT_EQ(::kill(pid, SIGHUP), 0);
   const std::string reopened = "[exportd] SIGHUP received, log reopened";
-  EXPECT_TRUE(waitFor([&] { return nuvtest::ReadFile(log).find(reopened) != std::string::npos; }));
+  EXPECT_TRUE(nuvtest::Eventually([&] { return nuvtest::ReadFile(log).find(reopened) != std::string::npos; }));
   PostPoints("/usr/bin/hup:8", 4, 7);
-  EXPECT_TRUE(waitFor([&] { return ReadNdjson(out).size() == 7; }));
+  EXPECT_TRUE(nuvtest::Eventually([&] { return ReadNdjson(out).size() == 7; }));
 
   ASSERT_EQ(::kill(pid, SIGTERM), 0);
   EXPECT_EQ(nuvtest::WaitExit(pid), 0) << nuvtest::ReadFile(dir_.Sub("export.err"));

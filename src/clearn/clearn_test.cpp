@@ -170,9 +170,9 @@ TEST_F(ClearnTest, ThreadFlushesSoonPassesHourlyAndStopsPromptly) {
   ASSERT_TRUE(clearn.StartClearn());  // already running: no second thread
   EXPECT_EQ(ThreadCount(), threads + 1);
 
-  EXPECT_TRUE(filetest::Eventually([&] { return nuvtest::ReadFile(live.GetContentPath()) == "buffered"; }));
+  EXPECT_TRUE(nuvtest::Eventually([&] { return nuvtest::ReadFile(live.GetContentPath()) == "buffered"; }));
   EXPECT_TRUE(Exists(log_ + "/20240309/app"));  // the pass is not due yet
-  EXPECT_TRUE(filetest::Eventually([&] { return !Exists(log_ + "/20240309"); }));
+  EXPECT_TRUE(nuvtest::Eventually([&] { return !Exists(log_ + "/20240309"); }));
   EXPECT_TRUE(Exists(log_ + "/20240309.tgz"));
 
   nuv_time_set_tick_scale(1);

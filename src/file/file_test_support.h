@@ -160,13 +160,6 @@ inline Lines Messages(const Lines& lines, const std::string& source) {
   return out;
 }
 
-// Polls `done` until it holds (true) or 20 seconds have passed (false).
-template <typename Fn>
-bool Eventually(Fn done) {
-  for (int i = 0; i < 4000 && !done(); ++i) usleep(5000);
-  return done();
-}
-
 // A copy of /bin/sleep at `exe` running "60"; killed and reaped on destruction. `image` is the
 // path as the process finder and the trigger report it (lower-cased).
 struct Sleeper {

@@ -46,7 +46,7 @@ class Recorder : public CPerfInterface {
   }
   // Waits for a call whose text is `call`, or, with a one-letter `call`, of that kind.
   bool WaitFor(const std::string& call) {
-    return filetest::Eventually([&] {
+    return nuvtest::Eventually([&] {
       const Lines calls = Calls(call.substr(0, 1));
       return call.size() == 1 ? !calls.empty() : std::count(calls.begin(), calls.end(), call) > 0;
     });

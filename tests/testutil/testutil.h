@@ -2,6 +2,8 @@
 #ifndef NUV_TESTS_TESTUTIL_H
 #define NUV_TESTS_TESTUTIL_H
 
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -126,6 +128,13 @@ std::vector<std::string> CaptureLog(Fn emit, int level = NUV_LOG_DEBUG) {
   std::vector<std::string> lines = ReadLines(path);
   if (started != 0) lines.insert(lines.begin(), "nuv_log_start failed");
   return lines;
+}
+
+// Polls `done` until it holds (true) or 20 seconds have passed (false).
+template <typename Fn>
+bool Eventually(Fn done) {
+  for (int i = 0; i < 4000 && !done(); ++i) usleep(5000);
+  return done();
 }
 
 // CaptureLog's lines, each reduced by Message.

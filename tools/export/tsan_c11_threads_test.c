@@ -6,7 +6,9 @@
 #include <stdlib.h>
 #include <threads.h>
 
-#include "tsan_unseen_order.h"
+/* In tsan_unseen_order.c, built without the sanitizer. */
+void unseen_publish(void **slot, void *value);
+void *unseen_wait(void **slot);
 
 static void *slot;
 

@@ -1,6 +1,7 @@
-#include "tsan_unseen_order.h"
-
+/* A release/acquire pair built without the sanitizer, as a library that is not instrumented
+ * orders its threads. */
 #include <sched.h>
+#include <stddef.h>
 
 void unseen_publish(void **slot, void *value) { __atomic_store_n(slot, value, __ATOMIC_RELEASE); }
 
