@@ -73,17 +73,16 @@ void CTopicPoster::Serve(Lane* lane) {
     lane->posting = true;
     lock.unlock();
     const bool posted = PostMessage(topic, record.text);
+    // Reported while the lane still counts as posting, so that Drain waits for the report.
+    if (!posted) {
+      record.failed(record.text);
+    }
     lock.lock();
     lane->posting = false;
     if (posted && lane->dropped != 0) {
       ZLOG_WARN("[CTopicPoster]::Serve topic answers again, %zu records were dropped. topic = %s.",
                 lane->dropped, topic.c_str());
       lane->dropped = 0;
-    }
-    if (!posted) {
-      lock.unlock();
-      record.failed(record.text);
-      lock.lock();
     }
     idle_.notify_all();
   }

@@ -30,7 +30,8 @@ class CTopicPoster {
   // Drops what waits (with a WARN per lane), lets posts in flight finish and ends the lanes'
   // threads. Later posts start lanes afresh.
   void Stop();
-  // Waits until every lane is empty and idle; for tests and orderly shutdowns.
+  // Waits until every lane is empty and idle, its last failure reported; for tests and orderly
+  // shutdowns.
   void Drain();
 
   CTopicPoster() = default;
