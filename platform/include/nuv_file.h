@@ -50,7 +50,8 @@ NUV_API int64_t nuv_file_ftell(nuv_file_t *file);
  * handle: 0, or -1 with EINVAL for NULL. */
 NUV_API int nuv_file_fflush(nuv_file_t *file);
 
-/* The size of the file at `path`, or NUV_FILE_SIZE_UNKNOWN when it cannot be stat(2)ed. */
+/* The size of the file at `path`, or NUV_FILE_SIZE_UNKNOWN with stat(2)'s errno when it cannot
+ * be stat(2)ed (ENOENT: there is no such file). */
 NUV_API uint64_t nuv_file_size(const char *path);
 
 /* The size of the file behind `file` (fstat(2)), or NUV_FILE_SIZE_UNKNOWN. */

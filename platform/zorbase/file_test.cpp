@@ -104,7 +104,9 @@ TEST(File, ShortWriteReportsExactlyWhatReachedTheFile) {
 TEST(File, MissingFilesAndBadArguments) {
   nuvtest::TempDir dir;
   std::string missing = dir.Sub("nope/missing.txt");
+  errno = 0;
   EXPECT_EQ(nuv_file_size(missing.c_str()), NUV_FILE_SIZE_UNKNOWN);
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(nuv_file_open(missing.c_str(), "rb"), nullptr);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(nuv_file_open(missing.c_str(), "ab+"), nullptr);  // parent missing

@@ -156,6 +156,7 @@ void CFileManager::FileUnitsFlush() {
   }
   for (auto& entry : units_) {
     entry.second->Flush();
+    entry.second->CheckStillThere();
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -64,6 +65,43 @@ TEST_F(FileManagerTest, StreamsShareAUnitOpenOnFirstUseAndReopenAfterClose) {
   EXPECT_EQ(out, "two");
   CFileClassify quiet = Classify("quiet", 1, 256);
   EXPECT_EQ(manager_.ReadFile(quiet, 1, out).code, 204);  // opened empty, then read
+}
+
+// Deleting a stream's files by hand (a full disk, a wrong glob) must not leave the daemon
+// appending for the rest of the day to files nobody can read and whose space never comes back.
+// Half a pair is of no use either: an index without its content points at bytes that are no
+// longer there, so the pair starts again empty.
+TEST_F(FileManagerTest, DeletedFilesAreCreatedAgainAfterTheNextFlush) {
+  CFileClassify stream = Classify("proc", 5, 256);
+  const std::vector<std::pair<const char*, std::function<void()>>> deletions = {
+      {"the day", [&] {
+         std::filesystem::remove_all(std::filesystem::path(stream.GetIndexPath()).parent_path());
+       }},
+      {"the index", [&] { ::unlink(stream.GetIndexPath().c_str()); }},
+      {"the content", [&] { ::unlink(stream.GetContentPath().c_str()); }},
+  };
+  for (const auto& [what, remove] : deletions) {
+    SCOPED_TRACE(what);
+    ASSERT_TRUE(manager_.WriteFile(stream, "before").IsSuccess());
+    remove();
+    manager_.FileUnitsFlush();
+    const auto log = filetest::CaptureLog(
+        [&] { ASSERT_TRUE(manager_.WriteFile(stream, "after").IsSuccess()); });
+    EXPECT_EQ(filetest::Matching(log, "files deleted while open, created again. index = " +
+                                          stream.GetIndexPath())
+                  .size(),
+              1u);
+    Records all;
+    EXPECT_EQ(manager_.ReadALLFile(stream, all).code, 209);
+    EXPECT_EQ(all, (Records{"after"}));
+    EXPECT_EQ(nuvtest::ReadFile(stream.GetContentPath()), "after");
+  }
+  // Files that are still there are not touched.
+  manager_.FileUnitsFlush();
+  const auto log =
+      filetest::CaptureLog([&] { ASSERT_TRUE(manager_.WriteFile(stream, "on").IsSuccess()); });
+  EXPECT_TRUE(filetest::Matching(log, "deleted while open").empty());
+  EXPECT_EQ(nuvtest::ReadFile(stream.GetContentPath()), "afteron");
 }
 
 TEST_F(FileManagerTest, EnumerationsBySuffixTypeAndDay) {

@@ -1,5 +1,6 @@
 #include "file/fileunit.h"
 
+#include <cerrno>
 #include <climits>
 
 #include "common/log.h"
@@ -88,6 +89,7 @@ void CFileUnit::TakeOpenedSizes() {
   contentOffset_ = static_cast<uint32_t>(content_.GetOffset());
   flushedIndexOffset_ = 0;
   flushedContentOffset_ = 0;
+  gone_ = false;
 }
 
 CError CFileUnit::WriteFile(std::string_view record) {
@@ -229,10 +231,15 @@ bool CFileUnit::Reset() {
 
   // Every byte reaches the file as it is written and a failed write is cut back, so the running
   // ends are the files' sizes: no stat is needed on every write.
-  if (WithinLimit(indexEnd_, contentOffset_)) {
+  if (!gone_ && WithinLimit(indexEnd_, contentOffset_)) {
     return true;
   }
-  // The store is bounded by deletion: a stream past its limit starts again empty.
+  // The store is bounded by deletion: a stream past its limit starts again empty. So does one
+  // that lost a file: what is left of the pair could not be read back right.
+  if (gone_) {
+    ZLOG_WARN("[CFileUnit]::Reset files deleted while open, created again. index = %s",
+              indexPath_.c_str());
+  }
   index_.CloseFile();
   content_.CloseFile();
   nuv_file_remove(indexPath_.c_str());
@@ -278,6 +285,17 @@ void CFileUnit::Flush() {
   flushedContentOffset_ = contentOffset_;
   index_.Flush();
   content_.Flush();
+}
+
+void CFileUnit::CheckStillThere() {
+  if (indexPath_.empty() || contentPath_.empty()) {
+    return;
+  }
+  for (const std::string* path : {&indexPath_, &contentPath_}) {
+    if (nuv_file_size(path->c_str()) == NUV_FILE_SIZE_UNKNOWN && errno == ENOENT) {
+      gone_ = true;
+    }
+  }
 }
 
 void CFileUnit::Close() {
