@@ -9,6 +9,9 @@
 //      from loggen over 4 unix-stream connections into a file (bench/setup.sh installs it;
 //      left out when missing);
 //  (c) the records in the store after the daemon stops against the records acknowledged 0.
+// Beside (a), the same posts go to a bus handler that makes only the two appends the store
+// makes per record (the record, then its 22-byte index line, one poster at a time): the best
+// daemon_vs_bus a library that kept every record could reach on this machine ("write_floor").
 // Beside each rate of (a) and the daemon's of (b), the CPU in microseconds per record of the
 // server process and of the posters ("*_cpu_us": [server, posters]) tell where time goes when
 // the rates swing. Prints one JSON line. Pinned to one CPU (taskset -c 0) the rates hardly
@@ -18,10 +21,13 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -42,6 +48,7 @@
 namespace {
 
 const char kBareTopic[] = "bench:bare";
+const char kFloorTopic[] = "bench:writes";
 const char kPostTopic[] = "maintenance:POST";
 constexpr int kPipelinedPosters = 4;
 constexpr int kStoreLimitMiB = 2000;  // the largest whole MiB a 32-bit byte count holds, nearly
@@ -77,6 +84,40 @@ pid_t StartBareServer() {
       [] { return nuv_comm_init() == 0 && nuv_comm_register(kBareTopic, BareHandler, nullptr) == 0; },
       [] {
         nuv_comm_unregister(kBareTopic);
+        nuv_comm_uninit();
+      });
+}
+
+// The write floor's two append-only files, and the lock that lets one record through at a time
+// (spun, as the store's lock is, for a holder that is never long).
+int gFloorContent = -1;
+int gFloorIndex = -1;
+std::atomic_flag gFloorBusy = ATOMIC_FLAG_INIT;
+
+int WriteFloorHandler(comm_data* request, comm_data*, void*) {
+  static const char kLine[] = "0000000000 0000000300\n";
+  void* data = nullptr;
+  unsigned int length = 0;
+  if (nuv_comm_get_data(request, &data, &length) != 0) return 1;
+  while (gFloorBusy.test_and_set(std::memory_order_acquire)) sched_yield();
+  const bool ok = ::write(gFloorContent, data, length) == static_cast<ssize_t>(length) &&
+                  ::write(gFloorIndex, kLine, sizeof kLine - 1) == sizeof kLine - 1;
+  gFloorBusy.clear(std::memory_order_release);
+  return ok ? 0 : 1;
+}
+
+// A process that serves kFloorTopic, appending to files in `dir`, until SIGTERM.
+pid_t StartWriteFloorServer(const std::string& dir) {
+  return ingest::ForkServer(
+      [dir] {
+        const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+        gFloorContent = ::open((dir + "/floor-content").c_str(), flags, 0600);
+        gFloorIndex = ::open((dir + "/floor-index").c_str(), flags, 0600);
+        return gFloorContent >= 0 && gFloorIndex >= 0 && nuv_comm_init() == 0 &&
+               nuv_comm_register(kFloorTopic, WriteFloorHandler, nullptr) == 0;
+      },
+      [] {
+        nuv_comm_unregister(kFloorTopic);
         nuv_comm_uninit();
       });
 }
@@ -307,13 +348,15 @@ int main(int argc, char** argv) {
                                 "", tree.Sub("stdout"), tree.Sub("stderr"));
   pid_t bare = StartBareServer();
   pid_t bareSocket = ingest::StartBareSocketServer(socketPath);
+  pid_t floorServer = StartWriteFloorServer(tree.path());
   if (!WaitForSocket(bus + "/" + kPostTopic) || !WaitForSocket(bus + "/" + kBareTopic) ||
-      !WaitForSocket(socketPath)) {
+      !WaitForSocket(bus + "/" + kFloorTopic) || !WaitForSocket(socketPath)) {
     std::fprintf(stderr, "ingest_bench: the daemon or a bare server did not come up\n%s",
                  nuvtest::ReadFile(tree.Sub("stderr")).c_str());
     ::kill(daemon, SIGTERM);
     ::kill(bare, SIGTERM);
     ::kill(bareSocket, SIGTERM);
+    ::kill(floorServer, SIGTERM);
     return 1;
   }
   long acked = 0, failed = 0, bareFailed = 0;
@@ -335,8 +378,10 @@ int main(int argc, char** argv) {
             return Run([&](int p, long n) { return RawPoster(socketPath, stream, 1, p, n); }, k,
                        records, bareSocket);
           },
-          nullptr, &bareFailed}});
-    const Outcome d = Median(turns[0]), b = Median(turns[1]), s = Median(turns[2]);
+          nullptr, &bareFailed},
+         {[&] { return syncRun(kFloorTopic, floorServer); }, nullptr, &bareFailed}});
+    const Outcome d = Median(turns[0]), b = Median(turns[1]), s = Median(turns[2]),
+                  w = Median(turns[3]);
     // CPU per record in microseconds, server and posters, beside each rate.
     json_t* row = json_pack(
         "{s:i, s:f, s:f, s:f, s:f, s:f, s:[ff], s:[ff], s:[ff]}", "posters", k, "daemon_per_s",
@@ -346,6 +391,9 @@ int main(int argc, char** argv) {
         s.server_us, s.client_us);
     json_object_set_new(row, "daemon_vs_bus_turns", TurnRatios(turns[0], turns[1]));
     json_object_set_new(row, "bus_vs_socket_turns", TurnRatios(turns[1], turns[2]));
+    json_object_set_new(row, "write_floor_per_s", json_real(w.rate));
+    json_object_set_new(row, "write_floor_vs_bus", json_real(Ratio(w.rate, b.rate)));
+    json_object_set_new(row, "write_floor_vs_bus_turns", TurnRatios(turns[3], turns[1]));
     json_array_append_new(syncRows, row);
   }
   json_object_set_new(out, "sync", syncRows);
@@ -408,7 +456,9 @@ int main(int argc, char** argv) {
   json_decref(out);
   ::kill(bare, SIGTERM);
   ::kill(bareSocket, SIGTERM);
+  ::kill(floorServer, SIGTERM);
   nuvtest::WaitExit(bare);
   nuvtest::WaitExit(bareSocket);
+  nuvtest::WaitExit(floorServer);
   return onDisk == acked && failed == 0 && bareFailed == 0 && daemonExit == 0 ? 0 : 1;
 }
