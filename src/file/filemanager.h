@@ -66,7 +66,8 @@ class CFileManager {
   void CloseFile(CFileClassify& classify);
   void Delete(CFileClassify& classify);
 
-  // Flushes every open unit and notes those whose files were deleted, under the shared lock.
+  // Flushes every open unit and notes those whose files were deleted or cut, under the shared
+  // lock.
   void FileUnitsFlush();
 
   // Listings of the files under the type's base directory, in walk order, appended to `out`.

@@ -69,9 +69,9 @@ TEST_F(FileManagerTest, StreamsShareAUnitOpenOnFirstUseAndReopenAfterClose) {
 
 // Deleting a stream's files by hand (a full disk, a wrong glob) must not leave the daemon
 // appending for the rest of the day to files nobody can read and whose space never comes back.
-// Half a pair is of no use either: an index without its content points at bytes that are no
-// longer there, so the pair starts again empty.
-TEST_F(FileManagerTest, DeletedFilesAreCreatedAgainAfterTheNextFlush) {
+// Half a pair is of no use either, nor a file cut short: an index would point at bytes that
+// are no longer there, so the pair starts again empty.
+TEST_F(FileManagerTest, DeletedOrCutFilesStartAgainAfterTheNextFlush) {
   CFileClassify stream = Classify("proc", 5, 256);
   const std::vector<std::pair<const char*, std::function<void()>>> deletions = {
       {"the day", [&] {
@@ -79,6 +79,8 @@ TEST_F(FileManagerTest, DeletedFilesAreCreatedAgainAfterTheNextFlush) {
        }},
       {"the index", [&] { ::unlink(stream.GetIndexPath().c_str()); }},
       {"the content", [&] { ::unlink(stream.GetContentPath().c_str()); }},
+      {"the content cut", [&] { ::truncate(stream.GetContentPath().c_str(), 3); }},
+      {"the index emptied", [&] { ::truncate(stream.GetIndexPath().c_str(), 0); }},
   };
   for (const auto& [what, remove] : deletions) {
     SCOPED_TRACE(what);
@@ -87,7 +89,7 @@ TEST_F(FileManagerTest, DeletedFilesAreCreatedAgainAfterTheNextFlush) {
     manager_.FileUnitsFlush();
     const auto log = filetest::CaptureLog(
         [&] { ASSERT_TRUE(manager_.WriteFile(stream, "after").IsSuccess()); });
-    EXPECT_EQ(filetest::Matching(log, "files deleted while open, created again. index = " +
+    EXPECT_EQ(filetest::Matching(log, "files deleted or cut while open, created again. index = " +
                                           stream.GetIndexPath())
                   .size(),
               1u);
@@ -100,7 +102,7 @@ TEST_F(FileManagerTest, DeletedFilesAreCreatedAgainAfterTheNextFlush) {
   manager_.FileUnitsFlush();
   const auto log =
       filetest::CaptureLog([&] { ASSERT_TRUE(manager_.WriteFile(stream, "on").IsSuccess()); });
-  EXPECT_TRUE(filetest::Matching(log, "deleted while open").empty());
+  EXPECT_TRUE(filetest::Matching(log, "while open").empty());
   EXPECT_EQ(nuvtest::ReadFile(stream.GetContentPath()), "afteron");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include "common/log.h"
 #include "common/utils.h"
@@ -235,9 +236,9 @@ bool CFileUnit::Reset() {
     return true;
   }
   // The store is bounded by deletion: a stream past its limit starts again empty. So does one
-  // that lost a file: what is left of the pair could not be read back right.
+  // whose files were deleted or cut: what is left of the pair could not be read back right.
   if (gone_) {
-    ZLOG_WARN("[CFileUnit]::Reset files deleted while open, created again. index = %s",
+    ZLOG_WARN("[CFileUnit]::Reset files deleted or cut while open, created again. index = %s",
               indexPath_.c_str());
   }
   index_.CloseFile();
@@ -291,8 +292,12 @@ void CFileUnit::CheckStillThere() {
   if (indexPath_.empty() || contentPath_.empty()) {
     return;
   }
-  for (const std::string* path : {&indexPath_, &contentPath_}) {
-    if (nuv_file_size(path->c_str()) == NUV_FILE_SIZE_UNKNOWN && errno == ENOENT) {
+  // No write runs meanwhile, so each file is as long as the running end: shorter means cut.
+  const std::pair<const std::string*, uint32_t> files[] = {{&indexPath_, indexEnd_},
+                                                           {&contentPath_, contentOffset_}};
+  for (const auto& [path, end] : files) {
+    const uint64_t size = nuv_file_size(path->c_str());
+    if (size == NUV_FILE_SIZE_UNKNOWN ? errno == ENOENT : size < end) {
       gone_ = true;
     }
   }

@@ -2,7 +2,7 @@
 // Appends records (content first, then the index line that locates it) and reads them back.
 // Before every write it decides whether the pair moves to a new day's directory, is reopened
 // to bound its buffered data, or starts again empty because it outgrew its size limit or a
-// file of it was deleted.
+// file of it was deleted or cut.
 //
 // Every write reaches the kernel before it returns. A write that fails part-way is cut back to
 // the last whole record, so the pair stays readable and the next write lands where the index
@@ -54,9 +54,10 @@ class CFileUnit {
   // The check made before every write; false when the pair cannot be moved or restarted.
   bool Reset();
   void Flush();
-  // Notes whether a file of the pair has gone from its path (deleted by hand, say); the next
-  // write then creates the pair again rather than append to a file no one can read any more.
-  // Called with the store's lock held, like every other member.
+  // Notes whether a file of the pair has gone from its path or been cut short (by hand, say);
+  // the next write then starts the pair again rather than append to a file no one can read any
+  // more, or at offsets its index no longer matches. Called with the store's lock held, like
+  // every other member.
   void CheckStillThere();
   void Close();
 
@@ -92,7 +93,7 @@ class CFileUnit {
   uint32_t indexEnd_ = 0;
   // A failed write could not be cut back yet.
   bool cutPending_ = false;
-  // A file of the pair was found gone from its path.
+  // A file of the pair was found gone from its path or cut short.
   bool gone_ = false;
   // The content of a run of more than one record, kept between runs.
   std::string runBuffer_;
