@@ -160,13 +160,14 @@ void Shipper::Track(const StoredStream& files, bool fromArchive) {
     const bool replaced = (c.inode != 0 && file.inode != c.inode) ||
                           (c.bornNs != 0 && file.bornNs != 0 && file.bornNs != c.bornNs);
     if (replaced || stored < c.shipped) {
-      // The daemon deleted the stream at its size limit and started it again.
+      // The daemon started the stream again: at its size limit, or after its files were
+      // deleted or cut by hand.
       if (s.inflight != 0) {
         s.blocked = true;
         return;
       }
       if (c.stored > c.shipped) {
-        ZLOG_ERROR("[exportd] %s started again at its size limit: %llu records were deleted "
+        ZLOG_ERROR("[exportd] %s started again: %llu records were deleted "
                    "before they were shipped",
                    files.id.Describe().c_str(), U(c.stored - c.shipped));
       }
