@@ -18,11 +18,11 @@
 // swing and the CPU figures give the library's own cost per record.
 //
 //   build/bin/ingest_bench [--records M] [--posters 1,4,8] [--repeat N] [--window W]
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -73,7 +73,7 @@ TEST_F(FileManagerTest, StreamsShareAUnitOpenOnFirstUseAndReopenAfterClose) {
 // are no longer there, so the pair starts again empty.
 TEST_F(FileManagerTest, DeletedOrCutFilesStartAgainAfterTheNextFlush) {
   CFileClassify stream = Classify("proc", 5, 256);
-  const std::vector<std::pair<const char*, std::function<void()>>> deletions = {
+  const std::vector<std::pair<const char*, std::function<void()>>> damages = {
       {"the day", [&] {
          std::filesystem::remove_all(std::filesystem::path(stream.GetIndexPath()).parent_path());
        }},
@@ -82,10 +82,10 @@ TEST_F(FileManagerTest, DeletedOrCutFilesStartAgainAfterTheNextFlush) {
       {"the content cut", [&] { ::truncate(stream.GetContentPath().c_str(), 3); }},
       {"the index emptied", [&] { ::truncate(stream.GetIndexPath().c_str(), 0); }},
   };
-  for (const auto& [what, remove] : deletions) {
+  for (const auto& [what, damage] : damages) {
     SCOPED_TRACE(what);
     ASSERT_TRUE(manager_.WriteFile(stream, "before").IsSuccess());
-    remove();
+    damage();
     manager_.FileUnitsFlush();
     const auto log = filetest::CaptureLog(
         [&] { ASSERT_TRUE(manager_.WriteFile(stream, "after").IsSuccess()); });
