@@ -78,18 +78,23 @@ bool WaitForSocket(const std::string& path) {
 
 int BareHandler(comm_data*, comm_data*, void*) { return 0; }
 
-// A process that serves kBareTopic until SIGTERM.
-pid_t StartBareServer() {
+// A process that serves `topic` with `handler` until SIGTERM, once `prepare` succeeded.
+pid_t StartBusServer(const char* topic, nuv_comm_handler handler,
+                     const std::function<bool()>& prepare = [] { return true; }) {
   return ingest::ForkServer(
-      [] { return nuv_comm_init() == 0 && nuv_comm_register(kBareTopic, BareHandler, nullptr) == 0; },
-      [] {
-        nuv_comm_unregister(kBareTopic);
+      [=] {
+        return prepare() && nuv_comm_init() == 0 &&
+               nuv_comm_register(topic, handler, nullptr) == 0;
+      },
+      [topic] {
+        nuv_comm_unregister(topic);
         nuv_comm_uninit();
       });
 }
 
 // The write floor's two append-only files, and the lock that lets one record through at a time
 // (spun, as the store's lock is, for a holder that is never long).
+const char* const kFloorFiles[] = {"floor-content", "floor-index"};
 int gFloorContent = -1;
 int gFloorIndex = -1;
 std::atomic_flag gFloorBusy = ATOMIC_FLAG_INIT;
@@ -106,20 +111,12 @@ int WriteFloorHandler(comm_data* request, comm_data*, void*) {
   return ok ? 0 : 1;
 }
 
-// A process that serves kFloorTopic, appending to files in `dir`, until SIGTERM.
-pid_t StartWriteFloorServer(const std::string& dir) {
-  return ingest::ForkServer(
-      [dir] {
-        const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
-        gFloorContent = ::open((dir + "/floor-content").c_str(), flags, 0600);
-        gFloorIndex = ::open((dir + "/floor-index").c_str(), flags, 0600);
-        return gFloorContent >= 0 && gFloorIndex >= 0 && nuv_comm_init() == 0 &&
-               nuv_comm_register(kFloorTopic, WriteFloorHandler, nullptr) == 0;
-      },
-      [] {
-        nuv_comm_unregister(kFloorTopic);
-        nuv_comm_uninit();
-      });
+// Opens the floor's files in `dir`, in the server process.
+bool OpenFloorFiles(const std::string& dir) {
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+  gFloorContent = ::open((dir + "/" + kFloorFiles[0]).c_str(), flags, 0600);
+  gFloorIndex = ::open((dir + "/" + kFloorFiles[1]).c_str(), flags, 0600);
+  return gFloorContent >= 0 && gFloorIndex >= 0;
 }
 
 // What one poster does with its records: returns how many were answered 0, or -1.
@@ -346,9 +343,10 @@ int main(int argc, char** argv) {
                                 {"NUV_COMM_DIR=" + bus, "NUV_LOG_FILE=" + tree.Sub("maint.log"),
                                  "NUV_LOG_LEVEL=1"},
                                 "", tree.Sub("stdout"), tree.Sub("stderr"));
-  pid_t bare = StartBareServer();
+  pid_t bare = StartBusServer(kBareTopic, BareHandler);
   pid_t bareSocket = ingest::StartBareSocketServer(socketPath);
-  pid_t floorServer = StartWriteFloorServer(tree.path());
+  pid_t floorServer = StartBusServer(kFloorTopic, WriteFloorHandler,
+                                     [&] { return OpenFloorFiles(tree.path()); });
   if (!WaitForSocket(bus + "/" + kPostTopic) || !WaitForSocket(bus + "/" + kBareTopic) ||
       !WaitForSocket(bus + "/" + kFloorTopic) || !WaitForSocket(socketPath)) {
     std::fprintf(stderr, "ingest_bench: the daemon or a bare server did not come up\n%s",
@@ -382,7 +380,7 @@ int main(int argc, char** argv) {
          {[&] {
             const Outcome o = syncRun(kFloorTopic, floorServer);
             // Its bytes are of no further use: dropped, they add no writeback to what follows.
-            for (const char* file : {"floor-content", "floor-index"}) {
+            for (const char* file : kFloorFiles) {
               (void)::truncate(tree.Sub(file).c_str(), 0);
             }
             return o;
