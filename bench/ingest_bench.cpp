@@ -400,6 +400,7 @@ int main(int argc, char** argv) {
     json_object_set_new(row, "write_floor_per_s", json_real(w.rate));
     json_object_set_new(row, "write_floor_vs_bus", json_real(Ratio(w.rate, b.rate)));
     json_object_set_new(row, "write_floor_vs_bus_turns", TurnRatios(turns[3], turns[1]));
+    json_object_set_new(row, "write_floor_cpu_us", json_pack("[ff]", w.server_us, w.client_us));
     json_array_append_new(syncRows, row);
   }
   json_object_set_new(out, "sync", syncRows);
