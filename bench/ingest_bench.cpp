@@ -33,6 +33,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -117,6 +118,17 @@ bool OpenFloorFiles(const std::string& dir) {
   gFloorContent = ::open((dir + "/" + kFloorFiles[0]).c_str(), flags, 0600);
   gFloorIndex = ::open((dir + "/" + kFloorFiles[1]).c_str(), flags, 0600);
   return gFloorContent >= 0 && gFloorIndex >= 0;
+}
+
+// Sends SIGTERM to each process and waits for it; a start that failed (-1) is skipped, as
+// kill(-1) would signal every process we may signal. The exit status of the last one.
+int Stop(std::initializer_list<pid_t> processes) {
+  for (pid_t pid : processes) {
+    if (pid > 0) ::kill(pid, SIGTERM);
+  }
+  int status = -1;
+  for (pid_t pid : processes) status = nuvtest::WaitExit(pid);
+  return status;
 }
 
 // What one poster does with its records: returns how many were answered 0, or -1.
@@ -351,10 +363,7 @@ int main(int argc, char** argv) {
       !WaitForSocket(bus + "/" + kFloorTopic) || !WaitForSocket(socketPath)) {
     std::fprintf(stderr, "ingest_bench: the daemon or a bare server did not come up\n%s",
                  nuvtest::ReadFile(tree.Sub("stderr")).c_str());
-    ::kill(daemon, SIGTERM);
-    ::kill(bare, SIGTERM);
-    ::kill(bareSocket, SIGTERM);
-    ::kill(floorServer, SIGTERM);
+    Stop({daemon, bare, bareSocket, floorServer});
     return 1;
   }
   long acked = 0, failed = 0, bareFailed = 0;
@@ -449,8 +458,7 @@ int main(int argc, char** argv) {
   }
   json_object_set_new(out, "pipelined", pipelinedRow);
 
-  ::kill(daemon, SIGTERM);
-  int daemonExit = nuvtest::WaitExit(daemon);
+  int daemonExit = Stop({daemon});
   long onDisk = RecordsInStore(tree);
   json_object_set_new(out, "disk",
                       json_pack("{s:I, s:I, s:I, s:b, s:i}", "acked_0", static_cast<json_int_t>(acked),
@@ -461,11 +469,6 @@ int main(int argc, char** argv) {
   std::printf("%s\n", text);
   std::free(text);
   json_decref(out);
-  ::kill(bare, SIGTERM);
-  ::kill(bareSocket, SIGTERM);
-  ::kill(floorServer, SIGTERM);
-  nuvtest::WaitExit(bare);
-  nuvtest::WaitExit(bareSocket);
-  nuvtest::WaitExit(floorServer);
+  Stop({bare, bareSocket, floorServer});
   return onDisk == acked && failed == 0 && bareFailed == 0 && daemonExit == 0 ? 0 : 1;
 }

@@ -147,7 +147,7 @@ int main(int argc, char** argv) {
   }
   const double removal = Seconds(quietSince - killStart);
 
-  ::kill(daemon, SIGTERM);
+  if (daemon > 0) ::kill(daemon, SIGTERM);
   const int daemonExit = nuvtest::WaitExit(daemon);
   for (size_t i = sleepers.size() / 2; i < sleepers.size(); ++i) ::kill(sleepers[i], SIGKILL);
   for (size_t i = sleepers.size() / 2; i < sleepers.size(); ++i) ::waitpid(sleepers[i], nullptr, 0);
